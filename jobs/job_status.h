@@ -1,0 +1,32 @@
+// The status protocol: records a job's status, reports it to the cloud, repeats it until it is
+// acknowledged. Runs on both threads, without a lock of its own.
+#pragma once
+
+#include "agent/tessard.h"
+
+#include <atomic>
+
+// The one client, through which everyone publishes; null until the start-up has made it. Who finds it
+// null publishes nothing.
+extern std::atomic<tessard *> iot_client;
+
+// Counts the publishes of statuses, check-ins and configurations; starts at 1000. Its address goes to
+// send_message, so it stays a plain int; it is incremented through std::atomic_ref.
+extern int status_message_id;
+
+// Increments status_message_id, just before a publish, and returns its address.
+int *next_status_message_id();
+
+// Records the status that the record bears ("received", "executed", "success" and "failed" must be
+// acknowledged, any other not) in the record and its file, and publishes it when post_status is not
+// zero, then waits 2 seconds. Called with the stored status again, it only repeats the report, at most every
+// 20 seconds in the whole process, while it is not acknowledged. "FAILSAFE_CONFIG" is never published.
+// Never throws.
+void update_job_status(Json::Value &job, int post_status);
+
+// Publishes one report of the record's status when the cloud's host answers a ping; else nothing.
+// Throws Json::Exception on a record that is no object.
+void send_job_status(tessard &client, const Json::Value &job);
+
+// The cloud's host is configured and answers a ping.
+bool iot_network_check();
