@@ -1,0 +1,1 @@
+"""One virtual router on this machine: image, sandbox, network, clock and power."""

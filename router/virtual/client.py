@@ -1,0 +1,208 @@
+"""What one does to a router from outside: used by the command, the tests and the demonstration."""
+import json
+import os
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+from router.virtual import image
+from router.virtual.launcher import log_files
+from router.virtual.state import DEFAULT_ROOT, TREE, StateFolder, connect_unix
+
+LAUNCHER = ["unshare", "--user", "--map-root-user", "--net", "--mount", "--",
+            "/usr/bin/python3", "-m", "router.virtual.launcher"]
+
+
+class RouterError(Exception):
+    pass
+
+
+class NoNamespaces(RouterError):
+    """This machine refuses user namespaces: no router can be made on it."""
+
+
+def check_namespaces():
+    probe = subprocess.run([*LAUNCHER[:6], "/bin/true"], capture_output=True, text=True, check=False)
+    if probe.returncode != 0:
+        raise NoNamespaces("this machine refuses user namespaces, which the virtual router is made of: "
+                           + probe.stderr.strip())
+
+
+class Router:
+    def __init__(self, name="router", root=None):
+        self.name = name
+        self.launcher = None    # the process, when this object started it
+        self.state = StateFolder(Path(root or DEFAULT_ROOT) / name)
+
+    # --- power
+
+    def up(self, build=None, version="1.0.0", wait=30, **options):
+        """Boots it, or switches it on again; returns when the agent has been started."""
+        if self.launcher_runs():
+            self.order(do="on")
+        else:
+            self.prepare(build or TREE / "build/release", version, options)
+            self.start_launcher()
+        self.wait_for_boot(wait)
+
+    def prepare(self, build, version, options):
+        check_namespaces()
+        self.state.make()
+        switches = ("net.off", "broker.off", "clock")
+        for stale in (self.state / "status.json", *(self.state / "outside" / name for name in switches),
+                      *(self.state / "log").iterdir()):
+            stale.unlink(missing_ok=True)
+        root = image.ensure(build, version)
+        for slot in ("1", "2"):
+            link = self.state / "slots" / slot
+            link.unlink(missing_ok=True)
+            link.symlink_to(root)
+        bundle = self.state / "etc/ca-certificates.crt"
+        if not bundle.exists():
+            bundle.write_bytes((root / image.CA_BUNDLE.lstrip("/")).read_bytes())
+        if not options.get("broker", True):
+            (self.state / "outside/broker.off").touch()
+        self.state.write("options.json", options)
+
+    def start_launcher(self):
+        environment = {**os.environ, "PYTHONPATH": str(TREE)}
+        with open(self.state / "log/launcher", "ab") as log:
+            self.launcher = subprocess.Popen([*LAUNCHER, str(self.state.folder)], env=environment, cwd="/",
+                                             stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                                             start_new_session=True)
+
+    def wait_for_boot(self, seconds=30, beyond=0):
+        """Until a boot later than number `beyond` is up."""
+        def booted():
+            status = self.status()
+            self.raise_if_dead(status)
+            return status.get("state") == "up" and status["boots"] > beyond
+        self.wait_until(booted, seconds, "the router to boot")
+
+    def raise_if_dead(self, status):
+        if self.launcher and self.launcher.poll() is not None:
+            raise RouterError(f"the launcher ended: {(self.state / 'log/launcher').read_text()[-2000:]}")
+        if status.get("state") == "off" and status["last_end"].startswith("init crashed"):
+            raise RouterError(f"{status['last_end']}: {(self.state / 'log/console').read_text()[-2000:]}")
+
+    def down(self):
+        if self.launcher_runs():
+            self.order(do="down")
+        self.wait_until(lambda: not self.launcher_runs(), 10, "the launcher to end")
+        if self.launcher:
+            self.launcher.wait()
+            self.launcher = None
+
+    def reboot(self, wait=30):
+        """As a person at its prompt would."""
+        before = self.status()["boots"]
+        self.run("/sbin/reboot -f", check=False)
+        self.wait_for_boot(wait, before)
+
+    def power_cut(self, off=False, wait=30):
+        before = self.order(do="power-cut", off=off)["boots"]
+        if not off:
+            self.wait_for_boot(wait, before)
+
+    # --- faults
+
+    def net(self, up):
+        self.order(do="net", up=up)
+
+    def broker(self, on):
+        switch = self.state / "outside/broker.off"
+        if on:
+            switch.unlink(missing_ok=True)
+            return
+        switch.touch()
+        self.run("killall mosquitto", check=False)
+
+    def clock(self, **change):
+        """step=SECONDS or set=SECONDS_SINCE_EPOCH; returns the router's time."""
+        return self.order(do="clock", **change)["now"]
+
+    def press(self, how):
+        code = {"short": 2, "failsafe": 3, "factory": 4}[how]
+        self.run(f"echo {code} > /dev/reset_button_dev")
+
+    # --- looking and doing
+
+    def launcher_runs(self):
+        try:
+            connect_unix(self.state / "control").close()
+            return True
+        except OSError:
+            return False
+
+    def order(self, **request):
+        try:
+            connection = connect_unix(self.state / "control", timeout=20)
+        except OSError as error:
+            raise RouterError(f"router {self.name} is down") from error
+        with connection, connection.makefile("rw") as lines:
+            lines.write(json.dumps(request) + "\n")
+            lines.flush()
+            answer = json.loads(lines.readline() or "{}")
+        if "error" in answer:
+            raise RouterError(answer["error"])
+        return answer
+
+    def status(self):
+        status = self.state.read("status.json")
+        if status.get("state") not in (None, "down") and not self.launcher_runs():
+            status["state"] = "down"
+        return status
+
+    def nsenter(self, cloud=False):
+        """The command that runs what follows it inside, or on the cloud's side."""
+        status = self.status()
+        pid = status.get("launcher") if cloud else status.get("init")
+        if not pid or status["state"] == "down":
+            raise RouterError(f"router {self.name} is down")
+        spaces = ["-n"] if cloud else ["-m", "-n", "-p", "-i", "-u", f"--root=/proc/{pid}/root", "--wd=/"]
+        return ["nsenter", "-t", str(pid), "-U", "--preserve-credentials", *spaces, "--"]
+
+    def inside(self, *command):
+        path = "/usr/local/bin:/usr/bin:/bin:/usr/local/sbin:/usr/sbin:/sbin"
+        return [*self.nsenter(), "/usr/bin/env", "-i", f"PATH={path}", "HOME=/root",
+                f"TERM={os.environ.get('TERM', 'dumb')}", *command]
+
+    def run(self, command, check=True, timeout=30):
+        """A shell command inside; returns what it printed."""
+        done = subprocess.run(self.inside("/bin/sh", "-c", command), capture_output=True, text=True,
+                              timeout=timeout, check=False)
+        if check and done.returncode != 0:
+            raise RouterError(f"{command!r} inside: status {done.returncode}: {done.stderr}")
+        return done.stdout
+
+    def live(self, path):
+        """A path inside the router's memory or /var/data, as this side can open it."""
+        status = self.status()
+        for inside, outside in (("/var/data", "data"), ("/var/volatile", "live/volatile"),
+                                ("/run", "live/run"), ("/tmp", "live/tmp")):
+            if path.startswith(inside + "/") or path == inside:
+                rest = path[len(inside):]
+                return Path(f"/proc/{status['launcher']}/root{self.state / outside}{rest}")
+        raise ValueError(f"{path} is neither in memory nor in /var/data")
+
+    def log_of_this_boot(self):
+        try:
+            return "".join(p.read_text(errors="replace") for p in log_files(self.live("/var/volatile/log")))
+        except (OSError, KeyError, RouterError):
+            return ""
+
+    def log(self):
+        """The system log of every boot so far."""
+        ended = sorted((self.state / "log").glob("boot-*"), key=lambda p: int(p.name[5:]))
+        return "".join(p.read_text(errors="replace") for p in ended) + self.log_of_this_boot()
+
+    def wait_until(self, condition, seconds, what):
+        end = time.monotonic() + seconds
+        while True:
+            found = condition()
+            if found:
+                return found
+            if time.monotonic() > end:
+                raise TimeoutError(f"waited {seconds} s for {what}")
+            time.sleep(0.01)

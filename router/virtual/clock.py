@@ -1,0 +1,38 @@
+"""The router's clock, when it is not this machine's.
+
+The agent and its children run under libfaketime, which reads one line, "+OFFSET xSPEED", from a
+file at each call and counts from the moment at which the first of them started in this boot. The
+router's time is a straight line from when the router was made, plus whatever steps it was given,
+so that it goes on through reboots as a clock with a battery does.
+"""
+import time
+
+from router.virtual.state import replace_file
+
+
+class Clock:
+    def __init__(self, path, speed):
+        self.path = path
+        self.speed = speed
+        self.made = time.time()
+        self.stepped = 0.0
+        self.booted = self.made
+
+    def start(self):
+        """To be called as the router boots: libfaketime counts anew from here."""
+        self.booted = time.time()
+        self.write()
+
+    def step(self, seconds):
+        self.stepped += seconds
+        self.write()
+
+    def set(self, seconds_since_epoch):
+        self.step(seconds_since_epoch - self.now())
+
+    def now(self):
+        return self.made + (time.time() - self.made) * self.speed + self.stepped
+
+    def write(self):
+        offset = (self.booted - self.made) * (self.speed - 1) + self.stepped
+        replace_file(self.path, f"{offset:+.3f} x{self.speed:g}\n")

@@ -1,0 +1,185 @@
+"""The launcher: what stands around one router while it has power.
+
+It runs in namespaces of its own (user, mount, network): its network is the cloud's side, its mounts
+hold the memory that a boot loses. It boots the router, sees why a boot ended, boots again or waits,
+and takes orders on the socket `control`, one JSON object a line, answered with one.
+"""
+import json
+import os
+import selectors
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+from router.virtual import image, network
+from router.virtual.clock import Clock
+from router.virtual.sandbox import Sandbox, slot_of
+from router.virtual.state import StateFolder, listen_unix
+
+MEMORY = "64m"
+POLL_BOOTED = 0.005
+
+
+class Launcher:
+    def __init__(self, folder):
+        self.state = StateFolder(folder)
+        self.options = self.state.read("options.json")
+        self.selector = selectors.DefaultSelector()
+        self.sandbox = None
+        self.boots = 0
+        self.phase = "off"
+        self.last_end = ""
+        self.cause = None       # what we did to end the boot, when it was us
+        self.wanted = "on"      # "on", "off" or "gone"
+        speed = self.options.get("speed", 1)
+        own_clock = speed != 1 or self.options.get("clock")
+        self.clock = Clock(self.state / "outside/clock", speed) if own_clock else None
+
+    # --- what others see
+
+    def publish(self):
+        self.state.write("status.json", {
+            "state": self.phase, "boots": self.boots, "launcher": os.getpid(),
+            "init": self.sandbox.init_pid if self.sandbox else None,
+            "slot": slot_of(self.data), "last_end": self.last_end, "since": time.time()})
+
+    def move_to(self, phase):
+        self.phase = phase
+        self.publish()
+
+    # --- one boot
+
+    @property
+    def data(self):
+        return self.state / "data"
+
+    def make_memory(self):
+        live = str(self.state / "live")
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={MEMORY},mode=755", "memory", live], check=True)
+        for name, mode in (("run", 0o755), ("tmp", 0o1777), ("volatile", 0o755)):
+            path = self.state / "live" / name
+            path.mkdir()
+            path.chmod(mode)
+
+    def lose_memory(self):
+        """Keeps the log of the ended boot for the reader outside; all else is lost."""
+        folder = self.state / "live/volatile/log"
+        if folder.is_dir():
+            with open(self.state / f"log/boot-{self.boots}", "wb") as kept:
+                for name in log_files(folder):
+                    kept.write(name.read_bytes())
+        subprocess.run(["umount", "-l", str(self.state / "live")], check=True)
+
+    def boot(self):
+        self.boots += 1
+        self.cause = None
+        slot = slot_of(self.data)
+        (self.state / "etc/cmdline").write_text(f"console=ttyS0 root=/dev/slot{slot} ro quiet\n")
+        self.make_memory()
+        if self.clock:
+            self.clock.start()
+        root = os.path.realpath(self.state / "slots" / slot)
+        self.image_hold = image.hold(root)
+        with open(self.state / "log/console", "ab") as console:
+            self.sandbox = Sandbox(self.state, root, self.data, console)
+        network.plug_in(self.sandbox.init_pid)
+        network.set_link(not (self.state / "outside/net.off").exists())
+        self.selector.register(self.sandbox.ended(), selectors.EVENT_READ, self.boot_ended)
+        self.sandbox.start()
+        self.move_to("booting")
+
+    def boot_ended(self):
+        self.selector.unregister(self.sandbox.ended())
+        ended = self.sandbox.wait()
+        self.last_end = self.cause or ended
+        self.sandbox = None
+        os.close(self.image_hold)
+        self.lose_memory()
+        if ended.startswith(("halt", "init crashed")):
+            self.wanted = "off" if self.wanted == "on" else self.wanted
+        self.move_to("off")
+
+    def check_booted(self):
+        if self.phase == "booting" and (self.state / "live/run/booted").exists():
+            self.move_to("up")
+
+    # --- orders
+
+    def cut_power(self, wanted):
+        self.wanted = wanted
+        if self.sandbox:
+            self.cause = "power cut" if wanted != "gone" else "switched off"
+            os.kill(self.sandbox.init_pid, signal.SIGKILL)
+            self.boot_ended()
+
+    def order(self, request):
+        name = request["do"]
+        if name == "on":
+            self.wanted = "on"
+        elif name == "down":
+            self.cut_power("gone")
+        elif name == "power-cut":
+            self.cut_power("off" if request.get("off") else "on")
+        elif name == "net":
+            switch = self.state / "outside/net.off"
+            switch.unlink(missing_ok=True) if request["up"] else switch.touch()
+            network.set_link(request["up"])
+        elif name == "clock":
+            return self.order_clock(request)
+        else:
+            return {"error": f"unknown order {name}"}
+        return {"boots": self.boots}
+
+    def order_clock(self, request):
+        if not self.clock:
+            return {"error": "this router has the machine's clock: boot it with --clock or --speed"}
+        if "step" in request:
+            self.clock.step(request["step"])
+        if "set" in request:
+            self.clock.set(request["set"])
+        return {"now": self.clock.now()}
+
+    def accept(self, listener):
+        connection, _ = listener.accept()
+        with connection, connection.makefile("rw") as lines:
+            line = lines.readline()
+            if line:
+                answer = self.order(json.loads(line))
+                lines.write(json.dumps(answer) + "\n")
+
+    # --- the life of the launcher
+
+    def run(self):
+        listener = listen_unix(self.state / "control")
+        self.selector.register(listener, selectors.EVENT_READ, lambda: self.accept(listener))
+        for number in (signal.SIGTERM, signal.SIGINT):
+            signal.signal(number, lambda *_: sys.exit(0))
+        network.make_cloud_side()
+        try:
+            self.serve()
+        finally:
+            self.cut_power("gone")
+            (self.state / "control").unlink(missing_ok=True)
+            self.move_to("down")
+
+    def serve(self):
+        while self.wanted != "gone":
+            if self.wanted == "on" and not self.sandbox:
+                self.boot()
+            timeout = POLL_BOOTED if self.phase == "booting" else None
+            for key, _ in self.selector.select(timeout):
+                key.data()
+            self.check_booted()
+
+
+def log_files(folder):
+    """The rotated files of the system log, oldest first."""
+    older = sorted(folder.glob("messages.*"), key=lambda p: -int(p.suffix[1:]))
+    newest = folder / "messages"
+    return [*older, newest] if newest.exists() else older
+
+
+if __name__ == "__main__":
+    Launcher(sys.argv[1]).run()
