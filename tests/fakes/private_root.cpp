@@ -148,8 +148,9 @@ void mount_var() {
     }
     fs::create_directories("/var/data");
     fs::create_directories("/var/volatile");
-    mount_or_refuse("data", "/var/data", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=64m");
-    mount_or_refuse("volatile", "/var/volatile", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=64m");
+    mount_or_refuse("data", "/var/data", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755");
+    limit_var_data(VAR_DATA_SIZE);
+    mount_or_refuse("volatile", "/var/volatile", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755");
 }
 
 void raise_loopback() {
@@ -210,13 +211,12 @@ void limit_var_data(unsigned long long bytes) {
 }
 
 void write_stub(const std::string &command, const std::string &body) {
-    std::error_code none;
-    const auto in_sbin = fs::path("/usr/sbin") / command;
-    const auto path =
-        fs::exists(fs::symlink_status(in_sbin, none)) ? in_sbin : fs::path("/usr/bin") / command;
-    fs::remove(path);
-    std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
-    fs::permissions(path, fs::perms(0755));
+    for (const char *folder : {"/usr/bin", "/usr/sbin"}) {
+        const auto path = fs::path(folder) / command;
+        fs::remove(path);
+        std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
+        fs::permissions(path, fs::perms(0755));
+    }
 }
 
 int open_dev_log() {

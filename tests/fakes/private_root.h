@@ -33,12 +33,13 @@ void make_boot_directories();
 // Removes everything inside a directory, not the directory itself; mount points stay, emptied.
 void empty_directory(const std::string &path);
 
-// Gives /var/data at most this many bytes from now on (what it holds already stays).
+// Gives /var/data room for this many bytes from now on (what it holds already stays).
 void limit_var_data(unsigned long long bytes);
+constexpr unsigned long long VAR_DATA_SIZE = 64 << 20;
 
-// Puts a shell script in the place of a command on PATH: in /usr/sbin where the machine has the
-// name there, else in /usr/bin. `body` is the script without its first line. A link of that name is
-// replaced, never written through.
+// Puts a shell script in the place of a command on PATH, in /usr/bin and in /usr/sbin, until the
+// process ends. `body` is the script without its first line. A link of that name is replaced, never
+// written through.
 void write_stub(const std::string &command, const std::string &body);
 
 // Binds /dev/log as a datagram socket and returns it, non-blocking. Until then a syslog() of the C

@@ -62,7 +62,7 @@ TEST_F(Fakes, AFailedWriteLeavesTheOldFile) {
 
 TEST_F(Fakes, AFullDiskLeavesTheOldFile) {
     given_active_job(R"({"jobId":"1", "status":"received"})");
-    limit_var_data(64 * 1024);
+    limit_var_data(64ULL * 1024);
 
     EXPECT_EQ(write_json_file((std::string(ACTIVE_FOLDER) + "1").c_str(), std::string(100'000, 'x')), -1);
 
