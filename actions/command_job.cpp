@@ -1,5 +1,6 @@
 #include "actions/command_job.h"
 
+#include "actions/device_commands.h"
 #include "actions/results_upload.h"
 #include "actions/script_file.h"
 #include "agent/topics.h"
@@ -36,16 +37,6 @@ bool is_text_of(const std::string &value, const char *upper, const char *lower) 
     return value == upper || value == lower;
 }
 
-std::string command_text(const Json::Value &command) {
-    tessard *client = iot_client;
-    return client ? client->serialize(command) : std::string();
-}
-
-void publish_command(const char *topic, const std::string &payload) {
-    if (tessard *client = iot_client)
-        client->send_message(&cmd_message_id, topic, payload);
-}
-
 // The status stays as it was: the service that does the work answers later.
 void request_file_transfer(Json::Value &job, const std::string &value) {
     Json::Value command = job[KEY_PARAMS];
@@ -54,11 +45,11 @@ void request_file_transfer(Json::Value &job, const std::string &value) {
     if (is_text_of(value, "FILEPUSH", "filepush")) {
         const std::string payload = command_text(command);
         syslog(LOG_DEBUG, "send filepush command: %s", payload.c_str());
-        publish_command(FILEPUSH_TOPIC, payload);
+        publish_command(&cmd_message_id, FILEPUSH_TOPIC, payload);
     } else if (is_text_of(value, "FILEPULL", "filepull")) {
         const std::string payload = command_text(command);
         syslog(LOG_DEBUG, "send filepull command: %s", payload.c_str());
-        publish_command(FILEPULL_TOPIC, payload);
+        publish_command(&cmd_message_id, FILEPULL_TOPIC, payload);
     } else {
         fail_job(job, "command not supported");
     }

@@ -8,7 +8,6 @@
 
 // v1/device/cmd/<name>/apply, but not the abort topic. A name with "metainit" rebuilds the meta data; one
 // with "config" queues a configuration change, which is refused while a failsafe verification runs.
-// Throws Json::Exception on a payload that is JSON but no object.
 void cmd_apply_topic(tessard &client, const mosquitto_message *message);
 
 // Stores the one configuration job, "FAILSAFE_CONFIG"; a second request replaces it as received.

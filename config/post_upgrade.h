@@ -1,0 +1,21 @@
+// The configuration that comes with a firmware: staged and checked, applied under the new firmware, and
+// the end of the installation. Runs on the job manager thread with job_manager_mutex held.
+#pragma once
+
+#include "agent/tessard.h"
+
+// Writes params.cfg to the staged configuration and compares its hash with params.hashAtFwVer. 0; -1 with
+// the job's "status" "failed" and "msg" set. Throws Json::Exception on wrong types.
+int stage_upgrade_config(Json::Value &job);
+
+// Applies the staged configuration. 0; -1 when the job came out "failed", with "msg" set.
+int verify_upgrade_config(tessard &client, Json::Value &job);
+
+// Stores the job, deletes the staged files and the mark of the installation, then boots the other firmware
+// (switch_partition) or reboots this one. May return while the reboot is under way.
+void finalise_fw_install(const Json::Value &job, bool switch_partition);
+
+void reboot_after_fw_upgrade();
+
+// Deletes the staged files and FIRMWARE_UPDATED.
+void delete_upgrade_files();
