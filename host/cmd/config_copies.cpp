@@ -1,0 +1,64 @@
+#include "host/cmd/config_copies.h"
+
+#include "host/cmd/paths.h"
+#include "host/cmd/text_file.h"
+
+#include "platform/cmd.h"
+#include "platform/vantrel.h"
+
+namespace conf {
+
+int read_config(const char *path, Json::Value &config) {
+    Json::Value read;
+    if (read_json_file(path, read) != 0 || !read.isObject())
+        return -1;
+    config.swap(read);
+    return 0;
+}
+
+int install_config(const char *from, const char *config_path, const char *hash_path) {
+    Json::Value config;
+    if (read_config(from, config) != 0 || copy_if_different(from, config_path) != 0)
+        return -1;
+    return calculate_and_write_config_hash(config_path, hash_path);
+}
+
+int install_config(const Json::Value &config, const char *config_path, const char *hash_path) {
+    if (!config.isObject() || write_json_file(config_path, config) != 0)
+        return -1;
+    return calculate_and_write_config_hash(config_path, hash_path);
+}
+
+} // namespace conf
+
+// Both take the hash from the configuration that they restore rather than from its hash file: a cut
+// between the two may have left a hash that belongs to another configuration.
+
+// /var/data/orv/config.failsafe over config.json, its hash over config.hash. Where none was ever saved,
+// or it cannot be read, the image's default configuration takes its place: a router with no failsafe
+// copy has that one to fall back on. Fails when neither can be read or a write fails; the persistent
+// configuration is whole then all the same.
+int restore_failsafe_files_to_nv() try {
+    if (conf::install_config(conf::FAILSAFE_CONFIG, conf::STORED_CONFIG, conf::STORED_HASH) == 0)
+        return 0;
+    Json::Value saved;
+    if (conf::read_config(conf::FAILSAFE_CONFIG, saved) == 0)
+        return -1; // it is there: writing failed
+    return conf::install_config(conf::DEFAULT_CONFIG, conf::STORED_CONFIG, conf::STORED_HASH);
+} catch (...) {
+    return -1;
+}
+
+// /var/data/orv/config.failsafe over config.running, its hash over config.running.hash. Without a
+// readable failsafe copy the persistent configuration becomes the running one. Fails when neither can
+// be read or a write fails.
+int restore_failsafe_files_to_running() try {
+    if (conf::install_config(conf::FAILSAFE_CONFIG, conf::RUNNING_CONFIG, conf::RUNNING_HASH) == 0)
+        return 0;
+    Json::Value saved;
+    if (conf::read_config(conf::FAILSAFE_CONFIG, saved) == 0)
+        return -1;
+    return conf::install_config(conf::STORED_CONFIG, conf::RUNNING_CONFIG, conf::RUNNING_HASH);
+} catch (...) {
+    return -1;
+}
