@@ -47,7 +47,6 @@ void record(call_kind kind, const std::string &function, const std::string &text
 }
 
 void change(const std::string &function, const std::string &text) {
-    const auto held = hold();
     if (before_change)
         before_change({call_kind::CHANGE, function, text});
     record(call_kind::CHANGE, function, text);

@@ -34,10 +34,11 @@ void always_returns(const std::string &function, int result, const std::string &
 
 // --- For the fakes themselves.
 
-// Held by each fake function while it touches the state of the fakes.
+// Held by each fake function while it touches the state of the fakes, but not during change().
 std::unique_lock<std::recursive_mutex> hold();
 
-// Called before every CHANGE, with the entry about to be written. The sweep ends the process here.
+// Called before every CHANGE, with the entry about to be written and no lock held. The sweep ends the
+// process or holds up the thread here.
 extern std::function<void(const call &)> before_change;
 
 void record(call_kind kind, const std::string &function, const std::string &text);

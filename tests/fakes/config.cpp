@@ -67,7 +67,6 @@ Json::Value changed_members(const Json::Value &before, const Json::Value &after)
 }
 
 int changing(const char *function, const std::string &text = "") {
-    const auto held = fakes::hold();
     fakes::change(function, text);
     return fakes::set_answer(function, text).value_or(0);
 }
@@ -209,7 +208,6 @@ int config_validator(const char *path, std::string &result) {
 }
 
 int calculate_and_write_config_hash(const char *config_path, const char *hash_path) {
-    const auto held = fakes::hold();
     if (const int result =
             changing("calculate_and_write_config_hash", std::string(config_path) + " " + hash_path);
         result != 0)
@@ -247,20 +245,20 @@ int encode_encrypt_fields_config_file(const char *path, bool *changed) {
 // --- marks and progress
 
 void set_config_apply_in_progress(const char *text) {
-    const auto held = fakes::hold();
     changing("set_config_apply_in_progress", text);
+    const auto held = fakes::hold();
     state_now.apply_progress.push_back(std::string("set ") + text);
 }
 
 void clear_config_apply_in_progress() {
-    const auto held = fakes::hold();
     changing("clear_config_apply_in_progress");
+    const auto held = fakes::hold();
     state_now.apply_progress.emplace_back("clear");
 }
 
 void update_config_apply_status(const char *text) {
-    const auto held = fakes::hold();
     changing("update_config_apply_status", text);
+    const auto held = fakes::hold();
     state_now.apply_progress.push_back(std::string("update ") + text);
 }
 

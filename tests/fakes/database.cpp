@@ -32,9 +32,9 @@ int sysdb_read_str(int, const char *key, char *buffer, int max) {
 }
 
 int sysdb_namedb_write_int(void *, const char *group, const char *key, int value, int) {
-    const auto held = fakes::hold();
     const std::string text = std::string(group) + " " + key + " " + std::to_string(value);
     fakes::change("sysdb_namedb_write_int", text);
+    const auto held = fakes::hold();
     if (const auto answer = fakes::set_answer("sysdb_namedb_write_int", text); answer.value_or(0) != 0)
         return *answer;
     fakes::config().database_ints[key] = value;

@@ -31,9 +31,9 @@ std::function<int(const std::string &)> answer_for(const std::string &command) {
 }
 
 int run(const char *function, const std::string &command) {
+    fakes::change(function, command);
     {
         const auto held = fakes::hold();
-        fakes::change(function, command);
         run_commands.push_back(command);
         if (const auto answer = fakes::set_answer(function, command))
             return *answer;
@@ -47,9 +47,9 @@ int run(const char *function, const std::string &command) {
 }
 
 void reboot(const char *function, fakes::reboot_mode mode) {
+    fakes::change(function, "");
     {
         const auto held = fakes::hold();
-        fakes::change(function, "");
         rebooted.emplace_back(function);
     }
     if (mode == fakes::reboot_mode::THROWS)

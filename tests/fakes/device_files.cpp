@@ -22,6 +22,8 @@ constexpr size_t LINE_MAX_LENGTH = 255;
 
 // Whole or not at all, as the device does it: beside the target, never in its folder.
 int replace_file(const std::string &path, const std::string &text) {
+    if (fakes::instead_of_replacing)
+        return fakes::instead_of_replacing(path, text);
     static const std::string VAR_DATA = "/var/data/";
     static const std::string VAR_VOLATILE = "/var/volatile/";
     std::string folder = path.substr(0, path.rfind('/'));
@@ -30,16 +32,26 @@ int replace_file(const std::string &path, const std::string &text) {
     else if (path.compare(0, VAR_VOLATILE.size(), VAR_VOLATILE) == 0)
         folder = "/var/volatile/.tmp";
     mkdir(folder.c_str(), 0755);
-    const std::string temporary = folder + "/.new";
+    const std::string temporary = folder + "/" + std::to_string(gettid()) + ".new";
     if (fakes::write_all(temporary, text) != 0 ||
         renameat(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str()) != 0) {
         unlinkat(AT_FDCWD, temporary.c_str(), 0);
         return -1;
     }
+    if (fakes::after_replacing)
+        fakes::after_replacing(path);
     return 0;
 }
 
 } // namespace
+
+namespace fakes {
+
+std::function<int(const std::string &, const std::string &)> instead_of_replacing;
+std::function<void(const std::string &)> after_replacing;
+std::function<void()> after_sync;
+
+} // namespace fakes
 
 int fakes::write_all(const std::string &path, const std::string &text) {
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -96,7 +108,6 @@ int read_json_file(const char *path, Json::Value &value) try {
 }
 
 int write_json_file(const char *path, const Json::Value &value) {
-    const auto held = fakes::hold();
     fakes::change("write_json_file", path);
     if (const auto answer = fakes::set_answer("write_json_file", path); answer.value_or(0) != 0)
         return *answer;
@@ -109,7 +120,6 @@ int file_exists(const char *path) {
 }
 
 int delete_file(const char *path) {
-    const auto held = fakes::hold();
     fakes::change("delete_file", path);
     if (const auto answer = fakes::set_answer("delete_file", path); answer.value_or(0) != 0)
         return *answer;
@@ -117,7 +127,6 @@ int delete_file(const char *path) {
 }
 
 int copy_file(const char *from, const char *to) {
-    const auto held = fakes::hold();
     const std::string both = std::string(from) + " " + to;
     fakes::change("copy_file", both);
     if (const auto answer = fakes::set_answer("copy_file", both); answer.value_or(0) != 0)
@@ -130,10 +139,11 @@ int copy_file(const char *from, const char *to) {
 
 void sync_to_fs(int mode) {
     fakes::change("sync_to_fs", std::to_string(mode));
+    if (fakes::after_sync)
+        fakes::after_sync();
 }
 
 int create_pidfile(const char *path) {
-    const auto held = fakes::hold();
     fakes::change("create_pidfile", path);
     if (const auto answer = fakes::set_answer("create_pidfile", path); answer.value_or(0) != 0)
         return *answer;

@@ -6,6 +6,7 @@
 #include <json/json.h>
 
 #include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,12 @@ namespace fakes {
 // Writes the whole file in place with the virtual time as its stamp; 0 ok. Not in the journal.
 int write_all(const std::string &path, const std::string &text);
 int read_all(const std::string &path, std::string &text);
+
+// For the sweep. The way in which write_json_file and copy_file put a text in the place of a file (0
+// ok), instead of the right one; what is to be done after a right one, and after sync_to_fs.
+extern std::function<int(const std::string &path, const std::string &text)> instead_of_replacing;
+extern std::function<void(const std::string &path)> after_replacing;
+extern std::function<void()> after_sync;
 
 // /var/data, /var/volatile, /run and /tmp as boot leaves them on a device never used.
 void reset_files();

@@ -151,9 +151,9 @@ bool mqtt_orv::deserialize(const std::string &text, Json::Value &value) {
 int mqtt_orv::send_message(int *message_id, const std::string &topic, const std::string &payload) {
     fakes::published_message message{topic, payload, {}, message_id, 0, fakes::now()};
     parse(payload, message.json);
+    fakes::change("send_message", topic + " " + payload);
     {
         const auto held = fakes::hold();
-        fakes::change("send_message", topic + " " + payload);
         if (message_id != nullptr)
             message.message_id_value = __atomic_load_n(message_id, __ATOMIC_SEQ_CST);
         if (const auto answer = fakes::set_answer("send_message", topic); answer.value_or(0) != 0)

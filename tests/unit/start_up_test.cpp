@@ -41,6 +41,8 @@ std::vector<std::string> texts(const Json::Value &array) {
 
 void job_mgr_main(tessard &client) {
     job_manager_started.set_value(&client);
+    for (;;)
+        pause();
 }
 int process_jobs(tessard &) {
     return 0;
