@@ -36,6 +36,8 @@ def add_power(commands):
     up.add_argument("--speed", type=float, default=1, help="how many times faster the agent's clock goes")
     up.add_argument("--clock", action="store_true", help="a clock of its own that can be stepped")
     up.add_argument("--no-broker", dest="broker", action="store_false", help="boot with the broker stopped")
+    up.add_argument("--device-type", type=int, help="1, 2 and 5 take upgrades, 5 has the button (5)")
+    up.add_argument("--data-size", help="limit of /var/data, as in 4m")
     commands.add_parser("down", help="switch it off and take it away; /var/data stays")
     commands.add_parser("reboot", help="/sbin/reboot -f inside, and wait for the next boot")
     cut = commands.add_parser("power-cut", help="everything inside ends at once; then it boots again")
@@ -95,7 +97,8 @@ def replace_by(command, words):
 def up(router, arguments):
     began = time.monotonic()
     router.up(build=arguments.build, version=arguments.version, speed=arguments.speed,
-              clock=arguments.clock, broker=arguments.broker)
+              clock=arguments.clock, broker=arguments.broker, device_type=arguments.device_type,
+              data_size=arguments.data_size)
     print(f"{router.name} is up after {time.monotonic() - began:.2f} s")
 
 

@@ -1,6 +1,7 @@
 """What one does to a router from outside: used by the command, the tests and the demonstration."""
 import json
 import os
+import secrets
 import subprocess
 import sys
 import time
@@ -63,7 +64,22 @@ class Router:
             bundle.write_bytes((root / image.CA_BUNDLE.lstrip("/")).read_bytes())
         if not options.get("broker", True):
             (self.state / "outside/broker.off").touch()
+        self.make_identity(options.get("device_type"))
         self.state.write("options.json", options)
+
+    def make_identity(self, device_type=None):
+        """What the factory writes once: device type 5 unless told, and a token of its own."""
+        factory = self.state / "data/factory"
+        factory.mkdir(exist_ok=True)
+        if device_type is not None or not (factory / "device_type").exists():
+            (factory / "device_type").write_text(f"{5 if device_type is None else device_type}\n")
+        if not (factory / "token").exists():
+            (factory / "token").write_text(secrets.token_hex(16) + "\n")
+
+    def trust(self, certificate):
+        """Adds a certificate authority to the router's store."""
+        with open(self.state / "etc/ca-certificates.crt", "a") as bundle:
+            bundle.write(certificate.read_text())
 
     def start_launcher(self):
         environment = {**os.environ, "PYTHONPATH": str(TREE)}
@@ -179,7 +195,8 @@ class Router:
     def live(self, path):
         """A path inside the router's memory or /var/data, as this side can open it."""
         status = self.status()
-        for inside, outside in (("/var/data", "data"), ("/var/volatile", "live/volatile"),
+        data = "disk" if self.state.read("options.json").get("data_size") else "data"
+        for inside, outside in (("/var/data", data), ("/var/volatile", "live/volatile"),
                                 ("/run", "live/run"), ("/tmp", "live/tmp")):
             if path.startswith(inside + "/") or path == inside:
                 rest = path[len(inside):]

@@ -23,6 +23,14 @@ PROGRAMS = {
     "/usr/sbin/nft": "/usr/sbin/nft",
     "/sbin/ip": "/sbin/ip",
     "/usr/bin/strace": "/usr/bin/strace",
+    "/usr/bin/systemd-tmpfiles": "/usr/bin/systemd-tmpfiles",
+}
+# Inside path -> in this tree: what a device installs beside the agent. A folder is taken with its files.
+PACKAGED = {
+    "/usr/lib/tmpfiles.d/tessard.conf": "packaging/tessard.tmpfiles.conf",
+    "/usr/sbin/tessard-reserve": "packaging/tessard-reserve",
+    "/usr/share/vantrel/default-config.json": "host/cmd/default-config.json",
+    "/usr/share/vantrel/meta": "host/cmd/meta",
 }
 FAKETIME = "libfaketimeMT.so.1"
 CA_BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
@@ -59,6 +67,12 @@ def own_programs(build):
     return found
 
 
+def packaged(inside, path):
+    if path.is_dir():
+        return {f"{inside}/{file.name}": file for file in sorted(path.iterdir())}
+    return {inside: path}
+
+
 def contents(build):
     """Everything that goes in as a file: {path inside: path on this machine}."""
     programs = own_programs(build)
@@ -69,6 +83,8 @@ def contents(build):
     if faketime_library():
         files[f"/usr/lib/{FAKETIME}"] = faketime_library()
         files.update(libraries(faketime_library()))
+    for inside, path in PACKAGED.items():
+        files.update(packaged(inside, TREE / path))
     return {inside: Path(outside) for inside, outside in files.items()}
 
 

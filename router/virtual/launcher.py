@@ -36,6 +36,7 @@ class Launcher:
         speed = self.options.get("speed", 1)
         own_clock = speed != 1 or self.options.get("clock")
         self.clock = Clock(self.state / "outside/clock", speed) if own_clock else None
+        self.data = self.mount_disk()
 
     # --- what others see
 
@@ -51,13 +52,24 @@ class Launcher:
 
     # --- one boot
 
-    @property
-    def data(self):
-        return self.state / "data"
+    def mount_disk(self):
+        """A /var/data of limited size lives in memory, as long as this launcher does."""
+        size = self.options.get("data_size")
+        if not size:
+            return self.state / "data"
+        disk = self.state / "disk"
+        disk.mkdir(exist_ok=True)
+        mount_tmpfs(disk, size)
+        shutil.copytree(self.state / "data", disk, dirs_exist_ok=True)
+        return disk
+
+    def save_disk(self):
+        if self.data != self.state / "data":
+            shutil.rmtree(self.state / "data")
+            shutil.copytree(self.data, self.state / "data")
 
     def make_memory(self):
-        live = str(self.state / "live")
-        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={MEMORY},mode=755", "memory", live], check=True)
+        mount_tmpfs(self.state / "live", MEMORY)
         for name, mode in (("run", 0o755), ("tmp", 0o1777), ("volatile", 0o755)):
             path = self.state / "live" / name
             path.mkdir()
@@ -162,6 +174,7 @@ class Launcher:
         finally:
             self.cut_power("gone")
             (self.state / "control").unlink(missing_ok=True)
+            self.save_disk()
             self.move_to("down")
 
     def serve(self):
@@ -172,6 +185,10 @@ class Launcher:
             for key, _ in self.selector.select(timeout):
                 key.data()
             self.check_booted()
+
+
+def mount_tmpfs(folder, size):
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode=755", "memory", str(folder)], check=True)
 
 
 def log_files(folder):

@@ -22,9 +22,9 @@ def make_cloud_side():
 
 
 def plug_in(init_pid):
-    """Gives the router that runs under init_pid its eth0, the other end on the cloud's side."""
+    """Gives the router that runs under init_pid its wan0, the other end on the cloud's side."""
     subprocess.run(["ip", "link", "del", CLOUD_END], stderr=subprocess.DEVNULL, check=False)
-    ip_batch(f"link add {CLOUD_END} type veth peer name eth0 netns {init_pid}",
+    ip_batch(f"link add {CLOUD_END} type veth peer name wan0 netns {init_pid}",
              f"addr add {CLOUD_ADDRESS}/24 dev {CLOUD_END}")
 
 

@@ -1,0 +1,1 @@
+"""The cloud's side: jobs out, acknowledgements back, uploads in."""
