@@ -28,11 +28,15 @@ Json::Value canonical(const Json::Value &document) {
     return result;
 }
 
+std::string one_line(const Json::Value &value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, value);
+}
+
 std::string canonical_text(const Json::Value &document) {
-    Json::StreamWriterBuilder one_line;
-    one_line["indentation"] = "";
-    one_line["emitUTF8"] = true;
-    return Json::writeString(one_line, canonical(document));
+    return one_line(canonical(document));
 }
 
 } // namespace conf

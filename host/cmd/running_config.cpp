@@ -1,4 +1,5 @@
 // What reads the running configuration, and the getters for members of a JSON object.
+#include "host/cmd/canonical.h"
 #include "host/cmd/dotted.h"
 #include "host/cmd/paths.h"
 
@@ -10,12 +11,7 @@
 namespace {
 
 std::string as_text(const Json::Value &value) {
-    if (value.isString())
-        return value.asString();
-    Json::StreamWriterBuilder one_line;
-    one_line["indentation"] = "";
-    one_line["emitUTF8"] = true;
-    return Json::writeString(one_line, value);
+    return value.isString() ? value.asString() : conf::one_line(value);
 }
 
 const Json::Value *find_key(const Json::Value &object, const char *key) {

@@ -1,0 +1,81 @@
+#include "host/cmd/boot.h"
+
+#include "host/cmd/config_copies.h"
+#include "host/cmd/paths.h"
+#include "host/cmd/text_file.h"
+
+#include "platform/cmd.h"
+#include "platform/vantrel.h"
+#include "platform/vtrsec.h"
+
+#include <array>
+
+namespace conf {
+namespace {
+
+bool is_readable(const char *path) {
+    Json::Value config;
+    return read_config(path, config) == 0;
+}
+
+// 0 when there is a whole persistent configuration at the end.
+int mend_stored_config(std::vector<std::string> &notes) {
+    if (is_readable(STORED_CONFIG))
+        return 0;
+    for (const char *substitute : {FAILSAFE_CONFIG, DEFAULT_CONFIG})
+        if (install_config(substitute, STORED_CONFIG, STORED_HASH) == 0) {
+            notes.push_back(std::string("no readable ") + STORED_CONFIG + ": replaced by " + substitute);
+            return 0;
+        }
+    notes.push_back(std::string("no readable ") + STORED_CONFIG + ", and nothing to replace it by");
+    return -1;
+}
+
+int refresh_hash(const char *config_path, const char *hash_path) {
+    Json::Value config;
+    if (read_config(config_path, config) != 0)
+        return -1;
+    std::array<char, 128> stored{};
+    if (read_hash(hash_path, stored.data()) == 0 && config_hash(config) == stored.data())
+        return 0;
+    return calculate_and_write_config_hash(config_path, hash_path);
+}
+
+int encode_running(std::vector<std::string> &notes) {
+    bool changed = false;
+    if (encode_encrypt_fields_config_file(RUNNING_CONFIG, &changed) != 0) {
+        notes.push_back("the sensitive fields could not be encoded");
+        return -1;
+    }
+    return changed ? copy_file(RUNNING_CONFIG, STORED_CONFIG) : 0;
+}
+
+int note_failure(int result, const char *text, std::vector<std::string> &notes) {
+    if (result != 0)
+        notes.push_back(text);
+    return result;
+}
+
+} // namespace
+
+int boot_configuration(std::vector<std::string> &notes) {
+    if (mend_stored_config(notes) != 0 ||
+        note_failure(copy_file(STORED_CONFIG, RUNNING_CONFIG),
+                     "the running configuration could not be written", notes) != 0)
+        return -1;
+    int result = note_failure(cmd_metainit(), "the image's meta data cannot be used", notes);
+    result |= encode_running(notes);
+    result |= note_failure(refresh_hash(RUNNING_CONFIG, RUNNING_HASH),
+                           "the running hash could not be written", notes);
+    result |= note_failure(refresh_hash(STORED_CONFIG, STORED_HASH),
+                           "the persistent hash could not be written", notes);
+    if (file_exists(FAILSAFE_CONFIG))
+        result |=
+            note_failure(refresh_hash(FAILSAFE_CONFIG, FAILSAFE_HASH),
+                         "the failsafe configuration cannot be read, or its hash not be written", notes);
+    result |= note_failure(save_hw_config_section_to_nv(), "the hardware section could not be stored", notes);
+    sync_to_fs(2);
+    return result == 0 ? 0 : -1;
+}
+
+} // namespace conf
