@@ -89,6 +89,7 @@ Json::Value archived_job(const std::string &job_id) {
 }
 
 void fakes::reset_files() {
+    limit_var_data(VAR_DATA_SIZE);
     for (const char *path : {"/var/data", "/var/volatile", "/run", "/tmp"})
         empty_directory(path);
     make_boot_directories();
