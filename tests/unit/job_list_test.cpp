@@ -3,15 +3,43 @@
 
 #include "jobs/job_store.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <filesystem>
+#include <functional>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
+// The C library's scandir, which the tests below look over the shoulder.
+namespace {
+
+using entry_filter = int (*)(const dirent *);
+using entry_order = int (*)(const dirent **, const dirent **);
+using entry_list = dirent ***;
+
+std::function<void(entry_filter, entry_order, dirent **, int)> after_scandir;
+
+} // namespace
+
+extern "C" int __real_scandir(const char *path, entry_list entries, entry_filter filter, entry_order order);
+extern "C" int __wrap_scandir(const char *path, entry_list entries, entry_filter filter, entry_order order);
+
+extern "C" int __wrap_scandir(const char *path, entry_list entries, entry_filter filter, entry_order order) {
+    const int count = __real_scandir(path, entries, filter, order);
+    if (after_scandir && count > 0)
+        after_scandir(filter, order, *entries, count);
+    return count;
+}
+
 class ActiveJobList : public AgentTest {
 protected:
+    ~ActiveJobList() override { after_scandir = nullptr; }
+
     static std::string active_path(const std::string &name) { return ACTIVE_FOLDER + name; }
 
     std::vector<std::string> listed() {
@@ -122,4 +150,41 @@ TEST_F(ActiveJobList, HoldsANameThatCannotBeExaminedAndSaysSo) {
     EXPECT_THAT(names, UnorderedElementsAre("1", "2", "link", std::string(230, 'x')));
     EXPECT_LT(std::ranges::find(names, "1"), std::ranges::find(names, "2"));
     EXPECT_EQ(result, 0);
+}
+
+TEST_F(ActiveJobList, AsksTheCLibraryForTheNewestFirstByOneAndZeroAlone) {
+    write_text(active_path("old"), "{}", START_TIME);
+    write_text(active_path("new"), "{}", START_TIME + 1);
+    write_text(active_path("new too"), "{}", START_TIME + 1);
+    int compared = 0;
+    after_scandir = [&](entry_filter filter, entry_order order, dirent **entries, int count) {
+        EXPECT_EQ(filter, nullptr);
+        const auto modified = [](const dirent *entry) {
+            struct stat info {};
+            stat(active_path(entry->d_name).c_str(), &info);
+            return info.st_mtime;
+        };
+        for (int a = 0; a < count; a++)
+            for (int b = 0; b < count; b++, compared++) {
+                const dirent *left = entries[a];
+                const dirent *right = entries[b];
+                EXPECT_EQ(order(&left, &right), modified(left) < modified(right) ? 1 : 0)
+                    << left->d_name << " " << right->d_name;
+            }
+    };
+
+    listed();
+
+    EXPECT_EQ(compared, 25); // with the directory and its parent
+}
+
+TEST_F(ActiveJobList, IsInOrderWhateverTheCLibraryMakesOfThatComparison) {
+    for (int i = 1; i <= 7; i++)
+        write_text(active_path(std::to_string(i)), "{}", i * 10);
+    after_scandir = [](entry_filter, entry_order, dirent **entries, int count) {
+        std::reverse(entries, entries + count);
+        std::swap(entries[0], entries[count / 2]);
+    };
+
+    EXPECT_THAT(listed(), ElementsAre("1", "2", "3", "4", "5", "6", "7"));
 }
