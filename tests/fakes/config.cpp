@@ -203,7 +203,8 @@ int get_config_change_list(const char *old_path, const char *new_path, Json::Val
 int config_validator(const char *path, std::string &result) {
     const auto held = fakes::hold();
     asking("config_validator", path);
-    result = state_now.validator_result;
+    if (!state_now.validator_result.empty())
+        result = state_now.validator_result;
     return state_now.validator_status;
 }
 

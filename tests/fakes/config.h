@@ -26,7 +26,7 @@ struct config_state {
     Json::Value change_list;
 
     int validator_status = 0;
-    std::string validator_result;
+    std::string validator_result; // empty: the caller's text stays
 
     // Progress texts and marks, in order: "set TEXT", "update TEXT", "clear".
     std::vector<std::string> apply_progress;

@@ -129,7 +129,8 @@ std::string get_iot_url_sim1_or_sim2_from_config(const Json::Value &) {
     return state_now.cloud_host;
 }
 
-time_t fwtime_s(time_t) {
+time_t fwtime_s(time_t deadline) {
+    fakes::record(fakes::call_kind::QUERY, "fwtime_s", std::to_string(deadline));
     return fakes::now();
 }
 

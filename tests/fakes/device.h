@@ -4,7 +4,7 @@
 // its modification time. Journal entries (all changes): "write_json_file PATH", "delete_file PATH",
 // "copy_file FROM TO", "create_pidfile PATH", "sync_to_fs 2", "orvsys COMMAND", "system COMMAND",
 // "execute_systemctl_reload UNIT", "switch_firmware_partition", "request_reboot_blocking",
-// "stop_watchdog_and_force_hw_reboot_blocking". Queries: "ping_test COUNT HOST".
+// "stop_watchdog_and_force_hw_reboot_blocking". Queries: "ping_test COUNT HOST", "fwtime_s DEADLINE".
 // will_return and always_returns work for all that return int; a write that is told to fail leaves
 // the old file. For orvsys and system the value is the command's exit status, and the command is
 // then not run.
