@@ -1,6 +1,10 @@
 #include "actions/dispatch.h"
 
 #include "actions/command_job.h"
+#include "actions/config_job.h"
+#include "actions/device_commands.h"
+#include "actions/firmware_job.h"
+#include "config/apply.h"
 #include "jobs/job_record.h"
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"
@@ -16,10 +20,21 @@ struct action_handler {
     void (*run)(tessard &client, Json::Value &job);
 };
 
-// Compared whole, in this order. Firmware, configuration and device command jobs are not carried out yet:
-// their actions are missing here and fail as unknown ones do.
+// The check leaves "executed" when the candidate is in place.
+void run_config_job(tessard &client, Json::Value &job) {
+    execute_config_job(job);
+    if (job.get(KEY_STATUS, "").asString() == STATUS_EXECUTED)
+        cmd_apply(client, job, false);
+}
+
+// Compared whole, in this order.
 constexpr action_handler ACTIONS[] = {
+    {ACTION_FW, [](tessard &, Json::Value &job) { execute_action_fw_install(job); }},
     {ACTION_CMD, [](tessard &, Json::Value &job) { execute_action_cmd(job); }},
+    {ACTION_CFG, run_config_job},
+    {ACTION_FAILSAFE_CONFIG, [](tessard &client, Json::Value &job) { cmd_apply(client, job, false); }},
+    {ACTION_POST_CONFIG, [](tessard &, Json::Value &job) { execute_action_cfgpush(job); }},
+    {ACTION_XTRA, [](tessard &, Json::Value &job) { job_action_xtra(job); }},
 };
 
 } // namespace

@@ -1,7 +1,11 @@
 #include "jobs/job_manager.h"
 
 #include "actions/dispatch.h"
+#include "actions/firmware_job.h"
 #include "agent/checkin.h"
+#include "config/apply.h"
+#include "config/boot_recovery.h"
+#include "config/post_upgrade.h"
 #include "jobs/job_record.h"
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"
@@ -28,6 +32,33 @@ void guarded(auto routine) {
     }
 }
 
+bool is_fw_action(const std::string &action) {
+    return action == ACTION_FW || action == ACTION_FW_LOWER || action == ACTION_FW_PUT ||
+           action == ACTION_FW_PUT_LOWER;
+}
+
+// The cloud's firmware job has installed a firmware, and the device has rebooted into it.
+bool iot_firmware_is_unverified() {
+    return file_exists(FIRMWARE_UPDATED_FILE) && !file_exists(LOCAL_FW_UPGRADE_FILE);
+}
+
+// Runs once, before the first pass.
+void recover_after_boot(tessard &client) {
+    if (file_exists(FIRMWARE_UPDATED_FILE)) {
+        syslog(LOG_ALERT, "job_mgr detects firmware update");
+        if (file_exists(LOCAL_FW_UPGRADE_FILE)) {
+            syslog(LOG_ALERT, "job_mgr detects local firmware update");
+            guarded([&] { recover_local_fw_upgrade(client); });
+            delete_file(LOCAL_FW_UPGRADE_FILE);
+            delete_file(FIRMWARE_UPDATED_FILE);
+        } else {
+            syslog(LOG_ALERT, "job_mgr detects IOT firmware update"); // verified by the passes
+        }
+    }
+    if (!file_exists(FIRMWARE_UPDATED_FILE))
+        guarded([&] { recover_config_job(client); });
+}
+
 bool any_job_is_busy() {
     if (is_fw_job_executing()) {
         syslog(LOG_ALERT, "FW job in progress");
@@ -44,24 +75,36 @@ bool any_job_is_busy() {
     return false;
 }
 
-// The cloud then learns "failed" when a later pass finds the job finished and unacknowledged.
-void repair_job(const std::string &job_id, int32_t now) {
+void revert_lost_upgrade() {
+    delete_upgrade_files();
+    syslog(LOG_ALERT, "FW upgrade aborted due to missing job file, reverting to previous FW.");
+    switch_firmware_partition();
+}
+
+// The cloud learns "failed" when a later pass finds the job finished and unacknowledged.
+void repair_job(const std::string &job_id, int32_t now, bool fw_pending) {
     Json::Value job;
     job[KEY_JOB_ID] = job_id;
     job[KEY_STATUS] = STATUS_FAILED;
     job[KEY_ACK] = false;
+    if (fw_pending) {
+        syslog(LOG_ALERT, "FW job corrupted, reverting to previous FW");
+        job[KEY_ACTION] = ACTION_FW;
+        finalise_fw_install(job, true);
+        return;
+    }
     syslog(LOG_ALERT, "repairing and failing corrupt or missing job %s", job_id.c_str());
     job[KEY_ACK_TS] = now;
     job[KEY_ACK_ID] = now;
     write_job_file(job);
 }
 
-void process_job_list(tessard &client, const Json::Value &job_ids) {
+void process_job_list(tessard &client, const Json::Value &job_ids, bool fw_pending) {
     const auto now = static_cast<int32_t>(time(nullptr));
     for (const Json::Value &entry : job_ids) {
         const std::string job_id = entry.asString();
         if (check_job_file(job_id) != 0) {
-            repair_job(job_id, now);
+            repair_job(job_id, now, fw_pending);
         } else if (process_completed_job(client, job_id) != 0) {
             process_active_job(client, job_id);
             return;
@@ -79,12 +122,56 @@ void archive_and_check_in(tessard &client, const Json::Value &job, const std::st
     send_checkin(client);
 }
 
+// An installed firmware waits for its verification, so the oldest unfinished job should be its job.
+void check_job_of_unverified_firmware(Json::Value &job) {
+    const std::string action = job.get(KEY_ACTION, "").asString();
+    if (is_fw_action(action)) {
+        const std::string status = job.get(KEY_STATUS, "").asString();
+        if (status == STATUS_EXECUTED)
+            return;
+        syslog(LOG_ALERT, "override FW job status '%s' with 'executed'", status.c_str());
+        job[KEY_STATUS] = STATUS_EXECUTED;
+        job[KEY_OVERRIDE_STATUS] = true;
+        update_job_status(job, 1);
+        return;
+    }
+    if (!job.isMember(KEY_ACTION) || !job.isMember(KEY_JOB_ID))
+        syslog(LOG_ALERT,
+               "firmware update in progress, but active job is not a FW job, reverting to previous FW");
+    else
+        syslog(LOG_ALERT, "firmware update in progress, but active job %s action is %s",
+               job_id_of(job).c_str(), action.c_str());
+    job[KEY_STATUS] = STATUS_FAILED;
+    finalise_fw_install(job, true);
+}
+
+struct fw_job_mark {
+    fw_job_mark() { set_fw_job_executing(true); }
+    ~fw_job_mark() { set_fw_job_executing(false); }
+    fw_job_mark(const fw_job_mark &) = delete;
+    fw_job_mark &operator=(const fw_job_mark &) = delete;
+};
+
+void verify_firmware(tessard &client, Json::Value &job) {
+    syslog(LOG_ALERT, "start FW post install verification");
+    const fw_job_mark mark;
+    check_fw_upgrade_result(client, job);
+}
+
 // A job that was under way when the agent last stopped, normally by a reboot that the job itself caused.
-void resume_executed_job(Json::Value &job, const std::string &job_id) {
+void resume_executed_job(tessard &client, Json::Value &job, const std::string &job_id) {
     if (job.get(KEY_FAIL_ON_REBOOT, false).asBool()) {
         syslog(LOG_ALERT, "job: %s was interrupted by reboot, setting status to FAILED", job_id.c_str());
         job[KEY_STATUS] = STATUS_FAILED;
         update_job_status(job, 1);
+    }
+    const std::string action = job.get(KEY_ACTION, "").asString();
+    if (is_fw_action(action)) {
+        if (job[KEY_STATUS].asString() == STATUS_EXECUTED)
+            verify_firmware(client, job);
+    } else if (action == ACTION_CFG) {
+        if (job.isMember(KEY_CFG_VERIFIED) && !job[KEY_CFG_VERIFIED].asBool())
+            cmd_apply(client, job, false);
     }
 }
 
@@ -95,6 +182,7 @@ void job_mgr_main(tessard &client) {
     syslog(LOG_NOTICE, "starting job_mgr_main");
     const bool has_reset_button = get_vantrel_dev_type_as_enum() == DEVICE_WITH_RESET_BUTTON;
     iot_client = &client;
+    recover_after_boot(client);
 
     for (int seconds = 0;;) {
         ++seconds;
@@ -111,12 +199,15 @@ void job_mgr_main(tessard &client) {
 int process_jobs(tessard &client) try {
     if (any_job_is_busy())
         return 0;
+    const bool fw_pending = iot_firmware_is_unverified();
     Json::Value job_ids(Json::arrayValue);
     if (get_active_job_list(job_ids) != 0) {
         syslog(LOG_NOTICE, "%s: get_active_job_list failed", "process_jobs");
         return -1;
     }
-    process_job_list(client, job_ids);
+    if (fw_pending && job_ids.empty())
+        revert_lost_upgrade();
+    process_job_list(client, job_ids, fw_pending);
     return 0;
 } catch (...) {
     syslog(LOG_NOTICE, "process_jobs: exception handler");
@@ -157,13 +248,16 @@ void process_active_job(tessard &client, const std::string &job_id) {
     Json::Value job;
     if (read_json_file(active_job_path(job_id).c_str(), job) != 0)
         return;
-    const std::string status = job.get(KEY_STATUS, "").asString();
-    syslog(LOG_NOTICE, "%s job: %s status: %s", "process_active_job", job_id.c_str(), status.c_str());
+    syslog(LOG_NOTICE, "%s job: %s status: %s", "process_active_job", job_id.c_str(),
+           job.get(KEY_STATUS, "").asString().c_str());
+    if (iot_firmware_is_unverified())
+        check_job_of_unverified_firmware(job);
 
+    const std::string status = job.get(KEY_STATUS, "").asString();
     if (status == STATUS_RECEIVED) {
         update_job_status(job, 1);
         execute_job_action(client, job);
     } else if (status == STATUS_EXECUTED) {
-        resume_executed_job(job, job_id);
+        resume_executed_job(client, job, job_id);
     }
 }
