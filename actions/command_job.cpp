@@ -41,7 +41,7 @@ bool is_text_of(const std::string &value, const char *upper, const char *lower) 
 void request_file_transfer(Json::Value &job, const std::string &value) {
     Json::Value command = job[KEY_PARAMS];
     command["session"] = static_cast<Json::Int>(time(nullptr));
-    command[KEY_JOB_ID] = job_id_of(job);
+    command[KEY_JOB_ID] = job.get(KEY_JOB_ID, Json::Value());
     if (is_text_of(value, "FILEPUSH", "filepush")) {
         const std::string payload = command_text(command);
         syslog(LOG_DEBUG, "send filepush command: %s", payload.c_str());

@@ -71,7 +71,7 @@ void job_action_xtra(Json::Value &job) {
         fail_xtra(job, "expecting job action XTRA");
     else if (!job.isMember(KEY_PARAMS))
         fail_xtra(job, "expecting params property");
-    else if (!job[KEY_PARAMS].isMember(PARAM_FILE_URL))
+    else if (!job[KEY_PARAMS].isObject() || !job[KEY_PARAMS].isMember(PARAM_FILE_URL))
         fail_xtra(job, "expecting fileUrl property");
     else
         request_xtra(job);

@@ -9,14 +9,12 @@
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"
 
-#include <string_view>
-
 #include <syslog.h>
 
 namespace {
 
 struct action_handler {
-    std::string_view action;
+    const char *action;
     void (*run)(tessard &client, Json::Value &job);
 };
 
@@ -43,9 +41,8 @@ void execute_job_action(tessard &client, Json::Value &job) {
     syslog(LOG_DEBUG, "executing jobId: %s", job_id_of(job).c_str());
     if (!job.isMember(KEY_ACTION))
         return;
-    const std::string action = job[KEY_ACTION].asString();
     for (const action_handler &handler : ACTIONS) {
-        if (handler.action == action) {
+        if (job[KEY_ACTION] == handler.action) {
             handler.run(client, job);
             return;
         }

@@ -85,8 +85,8 @@ int new_job_file(Json::Value &job) try {
 }
 
 bool is_script_cmd_job(const Json::Value &job) {
-    return job.isMember(KEY_ACTION) && job[KEY_ACTION].asString() == ACTION_CMD && job.isMember(KEY_VALUE) &&
-           job[KEY_VALUE].asString() == "SCRIPT" && job.isMember(KEY_PARAMS) &&
+    return job.isMember(KEY_ACTION) && job[KEY_ACTION] == ACTION_CMD && job.isMember(KEY_VALUE) &&
+           job[KEY_VALUE] == "SCRIPT" && job.isMember(KEY_PARAMS) && job[KEY_PARAMS].isObject() &&
            job[KEY_PARAMS].isMember(PARAM_SCRIPT);
 }
 
@@ -94,8 +94,9 @@ bool check_cmd_job_priority_is_critical(const Json::Value &job) {
     syslog(LOG_DEBUG, "check_cmd_job_priority_is_critical");
     if (!is_script_cmd_job(job))
         return false;
-    if (job[KEY_PARAMS][PARAM_SCRIPT].asString().rfind(CRITICAL_MARKER, 0) != 0)
-        return false;
+    const Json::Value &script = job[KEY_PARAMS][PARAM_SCRIPT];
+    if (!script.isString() || script.asString().rfind(CRITICAL_MARKER, 0) != 0)
+        return false; // a script that is no text is stored, and failed by the command job
     syslog(LOG_DEBUG, "confirmed command job has priority CRITICAL");
     return true;
 }
@@ -134,7 +135,7 @@ void clear_running_job() {
 
 void force_fail_job(const std::string &path) {
     Json::Value job;
-    if (read_json_file(path.c_str(), job) != 0)
+    if (read_json_file(path.c_str(), job) != 0 || !job.isObject())
         return;
     if (is_script_cmd_job(job))
         clear_job_cli_script(job);
