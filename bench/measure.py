@@ -1,0 +1,172 @@
+#!/usr/bin/python3
+"""Measurements of the real agent in a virtual router: measure.py idle|latency|drain|flash."""
+import argparse
+import os
+import random
+import shutil
+import statistics
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+TREE = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(TREE))
+
+from cloud.service import IGNORE, Service, socket_of  # noqa: E402
+from router.virtual.client import Router  # noqa: E402
+
+BUILD = TREE / "build/release"
+TICKS_PER_S = os.sysconf("SC_CLK_TCK")
+
+
+class Bench:
+    """A router of its own, with the cloud's side connected to it."""
+
+    def __init__(self, **options):
+        self.folder = tempfile.mkdtemp(prefix="tessard-bench-", dir=TREE / "build")
+        self.router = Router("bench", self.folder)
+        self.router.up(build=BUILD, **options)
+        self.cloud = Service(socket_of(self.router)).__enter__()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.cloud.__exit__()
+        self.router.down()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def pid(self, program):
+        return self.router.run(f"pidof {program}").split()[0]
+
+
+def row(name, values, unit="s"):
+    print(f"{name:44} min {min(values):8.3f}  median {statistics.median(values):8.3f}"
+          f"  max {max(values):8.3f} {unit}")
+
+
+# --- idle: memory and CPU beside a bare program
+
+def memory(router, pid):
+    lines = router.run(f"cat /proc/{pid}/smaps_rollup").splitlines()
+    sizes = {line.split(":")[0]: int(line.split()[1]) for line in lines[1:]}
+    return sizes["Pss"], sizes["Private_Dirty"]
+
+
+def cpu_ticks(router, pid):
+    """User and system time of the process and of its children that have ended."""
+    return sum(int(x) for x in router.run(f"cat /proc/{pid}/stat").rsplit(")", 1)[1].split()[11:15])
+
+
+def idle(arguments):
+    with Bench() as bench:
+        router = bench.router
+        shutil.copy(BUILD / "bench/bare_agent", router.state / "data/bare_agent")
+        router.run("/var/data/bare_agent >/dev/null 2>&1 &")
+        time.sleep(5)
+        pids = {"tessard": bench.pid("tessard"), "bare program": bench.pid("bare_agent")}
+        before = {name: cpu_ticks(router, pid) for name, pid in pids.items()}
+        time.sleep(arguments.seconds)
+        used = {name: cpu_ticks(router, pid) - before[name] for name, pid in pids.items()}
+        for name, pid in pids.items():
+            pss, dirty = memory(router, pid)
+            print(f"{name:14} PSS {pss:6} KiB  private dirty {dirty:6} KiB  CPU "
+                  f"{used[name] / TICKS_PER_S * 60 / arguments.seconds * 1000:6.1f} ms a minute")
+        print(f"CPU ratio {used['tessard'] / max(used['bare program'], 1):.2f}")
+
+
+# --- latency: from the publish to the script's first line
+
+def one_latency(bench, number):
+    cloud = bench.cloud
+    time.sleep(random.uniform(0, 3))
+    job = f"latency-{number}"
+    sent = time.time()
+    cloud.send_script(job, "cat /proc/uptime > /var/volatile/first-line; date +%s.%N > /tmp/first-line")
+    cloud.wait_for_status(job, "success", 60)
+    first_line = float(bench.router.run("cat /tmp/first-line"))
+    at = {report.status: report.at for report in reversed(cloud.reports(job))}
+    cloud.wait(lambda c: any(m.topic.endswith("checkin/apply") and m.at > at["success"] for m in c.messages), 60,
+               "the check-in")
+    return {"until taken up": at.get("received", at["executed"]) - sent,
+            "beyond the pauses": (first_line - at["executed"] - 2)
+                                 + (at["executed"] - at["received"] - 2 if "received" in at else 0),
+            "publish to first line": first_line - sent}
+
+
+def latency(arguments):
+    with Bench() as bench:
+        rows = [one_latency(bench, number) for number in range(arguments.jobs)]
+        print("required: up to 1 s until the main loop reads it, up to 3 s until a pass, 2 s after each report")
+        for name in rows[0]:
+            row(name, [r[name] for r in rows])
+
+
+# --- drain: reports that waited for the cloud
+
+def drain(arguments):
+    count = arguments.jobs
+    with Bench(speed=arguments.speed) as bench:
+        bench.cloud.default_rule = IGNORE
+        folder = bench.router.state / "data/orv/vantrel_iot/jobs/active"
+        for number in range(count):
+            (folder / f"waiting-{number}").write_text(
+                f'{{"jobId":"waiting-{number}","status":"success","ack":false,"ackId":{number + 1},"action":"CMD"}}')
+        bench.cloud.default_rule = lambda service, report: service.answer(report)
+        began = time.time()
+        bench.cloud.wait(lambda c: len({r.job for r in c.reports()}) == count, 60 * count / arguments.speed + 60,
+                         f"{count} reports")
+        took = (time.time() - began) * arguments.speed
+        print(f"{count} waiting reports drained in {took:.0f} s, {took / count:.1f} s each; required: 21 to 24 s each"
+              " (20 s between repeats, seen by passes 3 s apart)")
+
+
+# --- flash: what one script job writes
+
+def flash(arguments):
+    """Counts the renames into the job folders by a watch on the folders."""
+    with Bench() as bench:
+        router = bench.router
+        active = router.state / "data/orv/vantrel_iot/jobs/active"
+        watched = subprocess_watch(active)
+        bench.cloud.send_script("flash-1", "echo one line")
+        bench.cloud.wait_for_status("flash-1", "success", 60)
+        bench.cloud.wait(lambda c: any(m.topic.endswith("checkin/apply") for m in c.messages), 60, "the check-in")
+        events = watched()
+        print(f"job file replaced {events.count('MOVED_TO')} times, moved away {events.count('MOVED_FROM')} times")
+        data = router.state / "data"
+        before = newest_change(data)
+        time.sleep(arguments.seconds)
+        quiet = newest_change(data) == before
+        print(f"idle for {arguments.seconds} s: /var/data {'unchanged' if quiet else 'CHANGED'}")
+
+
+def subprocess_watch(folder):
+    import subprocess
+    watcher = subprocess.Popen(["inotifywait", "-m", "-q", "-e", "moved_to,moved_from", "--format", "%e", str(folder)],
+                               stdout=subprocess.PIPE, text=True)
+    time.sleep(0.5)
+
+    def stop():
+        time.sleep(1)
+        watcher.terminate()
+        return watcher.communicate()[0].split()
+    return stop
+
+
+def newest_change(folder):
+    return max(p.lstat().st_mtime_ns for p in folder.rglob("*"))
+
+
+def main():
+    top = argparse.ArgumentParser(description=__doc__)
+    top.add_argument("what", choices=("idle", "latency", "drain", "flash"))
+    top.add_argument("--seconds", type=int, default=120)
+    top.add_argument("--jobs", type=int, default=20)
+    top.add_argument("--speed", type=float, default=20)
+    arguments = top.parse_args()
+    {"idle": idle, "latency": latency, "drain": drain, "flash": flash}[arguments.what](arguments)
+
+
+main()
