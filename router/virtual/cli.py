@@ -7,6 +7,7 @@ import sys
 import time
 
 from router.virtual.client import NoNamespaces, Router, RouterError
+from router.virtual.services import SERVICES
 from router.virtual.state import DEFAULT_ROOT
 
 SKIP = 77
@@ -22,6 +23,7 @@ def parser():
     commands.add_parser("shell", help="a shell inside")
     log = commands.add_parser("log", help="the system log, all boots")
     log.add_argument("-f", "--follow", action="store_true")
+    commands.add_parser("journal", help="what its services did, all boots")
     status = commands.add_parser("status", help="what it is doing")
     status.add_argument("--json", action="store_true")
     for name, text in (("exec", "run a command inside"), ("cloud-exec", "run a command on the cloud's side")):
@@ -51,6 +53,9 @@ def add_faults(commands):
         "to", choices=("up", "down"))
     commands.add_parser("broker", help="the router's MQTT broker").add_argument(
         "to", choices=("start", "stop"))
+    fault = commands.add_parser("fault", help="make a service slow or fail; without words, well again")
+    fault.add_argument("service", choices=SERVICES, metavar="SERVICE", help=", ".join(SERVICES))
+    fault.add_argument("words", nargs="*", metavar="WORD", help="slow SECONDS | fail STATUS")
     clock = commands.add_parser("clock", help="step or set the agent's clock")
     clock.add_argument("change", nargs="?", help="+SECONDS, -SECONDS or @SECONDS_SINCE_EPOCH")
 
@@ -75,6 +80,16 @@ def follow_log(router):
         sys.stdout.flush()
         shown = len(text)
         time.sleep(0.2)
+
+
+def show_journal(router):
+    for entry in router.journal():
+        print(time.strftime("%b %d %H:%M:%S", time.localtime(entry.at)), entry)
+
+
+def set_fault(router, service, words):
+    faults = [f"{word} {value}" for word, value in zip(words[::2], words[1::2], strict=True)]
+    router.fault(service, *faults)
 
 
 def change_clock(router, change):
@@ -117,6 +132,8 @@ def run(router, arguments):
         "power-cut": lambda: router.power_cut(off=arguments.off),
         "log": lambda: follow_log(router) if arguments.follow else print(router.log(), end=""),
         "status": lambda: show_status(router, arguments.json),
+        "journal": lambda: show_journal(router),
+        "fault": lambda: set_fault(router, arguments.service, arguments.words),
         "press": lambda: router.press(arguments.how),
         "net": lambda: router.net(arguments.to == "up"),
         "broker": lambda: router.broker(arguments.to == "start"),
@@ -134,7 +151,7 @@ def main():
     except NoNamespaces as error:
         print(f"vrouter: {error}", file=sys.stderr)
         return SKIP
-    except (RouterError, TimeoutError, FileNotFoundError) as error:
+    except (RouterError, TimeoutError, FileNotFoundError, ValueError) as error:
         print(f"vrouter: {error}", file=sys.stderr)
         return 1
     except (KeyboardInterrupt, BrokenPipeError):

@@ -7,7 +7,7 @@ import sys
 import time
 from pathlib import Path
 
-from router.virtual import image
+from router.virtual import image, services
 from router.virtual.launcher import log_files
 from router.virtual.state import DEFAULT_ROOT, TREE, StateFolder, connect_unix
 
@@ -54,6 +54,7 @@ class Router:
         for stale in (self.state / "status.json", *(self.state / "outside" / name for name in switches),
                       *(self.state / "log").iterdir()):
             stale.unlink(missing_ok=True)
+        services.forget(self.state / "outside")
         root = image.ensure(build, version)
         for slot in ("1", "2"):
             link = self.state / "slots" / slot
@@ -142,6 +143,10 @@ class Router:
         code = {"short": 2, "failsafe": 3, "factory": 4}[how]
         self.run(f"echo {code} > /dev/reset_button_dev")
 
+    def fault(self, service, *faults):
+        """As router/virtual/services.py says; without any, the service is well again."""
+        services.set_faults(self.state / "outside", service, faults)
+
     # --- looking and doing
 
     def launcher_runs(self):
@@ -192,6 +197,11 @@ class Router:
             raise RouterError(f"{command!r} inside: status {done.returncode}: {done.stderr}")
         return done.stdout
 
+    def cloud_run(self, *command, timeout=30):
+        """A command on the cloud's side."""
+        return subprocess.run([*self.nsenter(cloud=True), *command], capture_output=True, text=True,
+                              timeout=timeout, check=False)
+
     def live(self, path):
         """A path inside the router's memory or /var/data, as this side can open it."""
         status = self.status()
@@ -213,6 +223,11 @@ class Router:
         """The system log of every boot so far."""
         ended = sorted((self.state / "log").glob("boot-*"), key=lambda p: int(p.name[5:]))
         return "".join(p.read_text(errors="replace") for p in ended) + self.log_of_this_boot()
+
+    def journal(self, *names):
+        """What the services did, oldest first; of those named, or of all."""
+        entries = services.read_journal(self.state / "outside")
+        return [entry for entry in entries if not names or entry.service in names]
 
     def wait_until(self, condition, seconds, what):
         end = time.monotonic() + seconds

@@ -22,6 +22,11 @@ PROGRAMS = {
     "/usr/sbin/mosquitto": "/usr/sbin/mosquitto",
     "/usr/sbin/nft": "/usr/sbin/nft",
     "/sbin/ip": "/sbin/ip",
+    "/usr/bin/jq": "/usr/bin/jq",
+    "/usr/bin/curl": "/usr/bin/curl",
+    "/usr/bin/openssl": "/usr/bin/openssl",
+    "/usr/bin/mosquitto_sub": "/usr/bin/mosquitto_sub",
+    "/usr/bin/mosquitto_pub": "/usr/bin/mosquitto_pub",
     "/usr/bin/strace": "/usr/bin/strace",
     "/usr/bin/systemd-tmpfiles": "/usr/bin/systemd-tmpfiles",
 }

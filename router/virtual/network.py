@@ -5,11 +5,12 @@ exist only in these two namespaces.
 """
 import subprocess
 
-CLOUD_ADDRESS = "192.0.2.1"
+CLOUD_ADDRESS = "198.51.100.1"
 CLOUD_NAME = "cloud.example"
+GATEWAY = "192.0.2.1"
 ROUTER_ADDRESS = "192.0.2.2"
-# More of the far side: hosts beyond the gateway, for connectivity tests that have to route.
-FAR_ADDRESSES = ("198.51.100.1", "203.0.113.1")
+# All beyond the gateway: who reaches them has an address and a route.
+FAR_ADDRESSES = (CLOUD_ADDRESS, "203.0.113.1")
 CLOUD_END = "cloud0"
 
 
@@ -25,7 +26,7 @@ def plug_in(init_pid):
     """Gives the router that runs under init_pid its wan0, the other end on the cloud's side."""
     subprocess.run(["ip", "link", "del", CLOUD_END], stderr=subprocess.DEVNULL, check=False)
     ip_batch(f"link add {CLOUD_END} type veth peer name wan0 netns {init_pid}",
-             f"addr add {CLOUD_ADDRESS}/24 dev {CLOUD_END}")
+             f"addr add {GATEWAY}/24 dev {CLOUD_END}")
 
 
 def set_link(up):

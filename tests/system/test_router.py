@@ -96,7 +96,7 @@ def test_the_other_slot_boots_when_the_boot_files_say_so(router):
 def test_boot_rebuilds_the_running_configuration(router):
     stored, running = "/var/data/orv/config.json", "/var/volatile/config/config.running"
     assert router.run(f"cmp {stored} {running} && echo same").strip() == "same"
-    router.run(f"sed -i 's/192.0.2.1\\|cloud.example/198.51.100.1/' {stored}; echo broken > {running}")
+    router.run(f"sed -i 's/cloud.example/203.0.113.1/' {stored}; echo broken > {running}")
     router.reboot()
     assert router.run(f"cmp {stored} {running} && echo same").strip() == "same"
 
@@ -112,6 +112,7 @@ def test_a_ping_that_fails_fails_for_real(router):
 
 def test_the_broker_listens_on_loopback_only(router):
     router.wait_connected()
+    router.run("nft flush ruleset")
     attempt = [*router.nsenter(cloud=True), "/usr/bin/python3", "-c",
                f"import socket; socket.create_connection(('{ROUTER_ADDRESS}', 1883), 5)"]
     refused = subprocess.run(attempt, capture_output=True, text=True, check=False)
