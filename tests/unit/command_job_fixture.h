@@ -13,11 +13,16 @@ protected:
     CommandJobTest() {
         setenv("TZ", "UTC", 1);
         iot_client = &client;
-        answer_command("/bin/kill", 0);
+        begin_again();
     }
     ~CommandJobTest() override {
         iot_client = nullptr;
         unsetenv("TZ");
+    }
+
+    static void begin_again() {
+        fakes::reset();
+        answer_command("/bin/kill", 0);
     }
 
     // The statuses reported so far, in order.

@@ -33,7 +33,7 @@ protected:
 
 TEST_F(CommandJob, OfAnotherActionIsRefused) {
     for (const char *action : {R"("cmd")", R"("FW")", R"("CMD ")", R"("")", "5"}) {
-        fakes::reset();
+        begin_again();
         execute(std::string(R"({"jobId":"77", "action":)") + action + R"(, "value":"SCRIPT", "params":{}})");
         expect_failed_with("not a valid command job");
     }
@@ -57,7 +57,7 @@ TEST_F(CommandJob, WithoutParamsIsRefusedBeforeItsValueIsLookedAt) {
 TEST_F(CommandJob, OfAnUnknownTypeIsRefused) {
     for (const char *value :
          {"Script", "sCRIPT", "SCRIPT ", "Filepush", "FilePull", "filepushed", "", "FW"}) {
-        fakes::reset();
+        begin_again();
         execute(std::string(R"({"jobId":"77", "action":"CMD", "params":{"script":"true"}, "value":")") +
                 value + "\"}");
         expect_failed_with("command not supported");
@@ -198,7 +198,7 @@ TEST_P(FileTransfer, WithoutAClientIsNotRequested) {
 
 TEST_P(FileTransfer, WithParamsThatAreNoObjectFails) {
     for (const char *params : {R"("text")", "5", "[1]", "true"}) {
-        fakes::reset();
+        begin_again();
         request(params);
 
         EXPECT_THAT(log_lines().back(), Debug("execute cmd: exception handler")) << params;
