@@ -80,19 +80,21 @@ int get_results_base_url(std::string &url) {
 
 int http_post_results_file(const char *url, const char *file_path) {
     syslog(LOG_NOTICE, "post job results %s to %s", file_path, url);
+    // cleaned up from the last to the first: the handle before what it points to
+    response_buffer response;
+    const owned<response_buffer> response_owner(&response);
+    const owned<curl_slist> headers(curl_slist_append(nullptr, "Expect:")); // no 100-continue handshake
+    owned<curl_mime> form;
     const owned<CURL> handle(curl_easy_init());
     if (!handle)
         return -1;
-    response_buffer response;
-    const owned<response_buffer> response_owner(&response);
 
     CURL *curl = handle.get();
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, results_write_callback);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response);
-    const owned<curl_mime> form = results_form(curl, file_path);
-    const owned<curl_slist> headers(curl_slist_append(nullptr, "Expect:")); // no 100-continue handshake
+    form = results_form(curl, file_path);
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
     curl_easy_setopt(curl, CURLOPT_URL, url);
     curl_easy_setopt(curl, CURLOPT_MIMEPOST, form.get());
