@@ -71,7 +71,7 @@ modem_state examine_modem(const Json::Value &changes, const Json::Value &job) {
         syslog(LOG_DEBUG, "cmd apply %s", path.c_str());
         if (path == "network.wireless.cell" || path == "gps.gps") {
             modem.cell_gps_module_restart = true;
-            modem.qtel_pid = job.get(KEY_QTEL_MGR_PID, modem.qtel_pid).asInt();
+            config_get_int(job, &modem.qtel_pid, KEY_QTEL_MGR_PID);
         } else if (path == "iot.vantrel_iot") {
             modem.iot_restart = true;
         }
