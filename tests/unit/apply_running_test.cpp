@@ -200,6 +200,17 @@ TEST_F(ApplyValid, WithoutFailsafeChangesAreAnnouncedAfterTheCommitAndBeforeTheO
                             "clear_config_apply_in_progress"));
 }
 
+TEST_F(ApplyValid, WithFailsafeTheReportBeforeTheCommitMayBeRepeatedAtTheEnd) {
+    set_time(START_TIME + 100'000'000); // no repeat interval reaches as far
+
+    apply(with_failsafe(R"({"enable":true})"));
+
+    const auto reports = published_on("v1/device/job/77/ack");
+    ASSERT_EQ(reports.size(), 2U);
+    EXPECT_EQ(reports[0].payload, reports[1].payload);
+    EXPECT_EQ(reports[0].json["params"]["status"], "success");
+}
+
 // --- the copies of an apply with failsafe, in their order
 
 TEST_F(ApplyValid, TheCopiesOfAnApplyWithFailsafeThatIsVerified) {
