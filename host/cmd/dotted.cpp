@@ -71,6 +71,17 @@ bool set_member(Json::Value &root, std::string_view path, const Json::Value &val
     return true;
 }
 
+bool remove_member(Json::Value &root, std::string_view path) {
+    const size_t dot = path.rfind('.');
+    const std::string_view parent = dot == std::string_view::npos ? "" : path.substr(0, dot);
+    const Json::Value *found = find_member(root, parent);
+    if (path.empty() || !found || !found->isObject())
+        return false;
+    Json::Value members = *found;
+    const std::string name(dot == std::string_view::npos ? path : path.substr(dot + 1));
+    return members.removeMember(name, nullptr) && set_member(root, parent, members);
+}
+
 bool is_inside(std::string_view path, std::string_view area) {
     if (!path.starts_with(area))
         return false;

@@ -19,6 +19,9 @@ const Json::Value *find_member(const Json::Value &root, std::string_view path);
 // root unchanged, when the way leads through something that is no object or beyond an array's end.
 bool set_member(Json::Value &root, std::string_view path, const Json::Value &value);
 
+// False when there is no such member of an object.
+bool remove_member(Json::Value &root, std::string_view path);
+
 // True when the path is the area itself or lies inside it.
 bool is_inside(std::string_view path, std::string_view area);
 

@@ -54,17 +54,6 @@ bool apply_is_under_way() {
            file_exists(conf::NEW_CONFIG) || file_exists(conf::STORED_NEW_CONFIG);
 }
 
-void remove_member(Json::Value &config, const std::string &path) {
-    const size_t dot = path.rfind('.');
-    const std::string parent = dot == std::string::npos ? "" : path.substr(0, dot);
-    const Json::Value *found = conf::find_member(config, parent);
-    if (!found || !found->isObject())
-        return;
-    Json::Value members = *found;
-    members.removeMember(path.substr(dot == std::string::npos ? 0 : dot + 1));
-    conf::set_member(config, parent, members);
-}
-
 // The persistent configuration with the areas as delivered, encoded, in the scratch file.
 int write_scratch(const std::vector<const conf::area *> &areas) {
     Json::Value config;
@@ -75,7 +64,7 @@ int write_scratch(const std::vector<const conf::area *> &areas) {
     for (const conf::area *area : areas) {
         const Json::Value *value = conf::find_member(delivered, area->path);
         if (!value)
-            remove_member(config, area->path);
+            conf::remove_member(config, area->path);
         else if (!conf::set_member(config, area->path, *value))
             return -1;
     }

@@ -24,8 +24,12 @@ std::string read_defect(const char *path, Json::Value &config) {
     Json::CharReaderBuilder::strictMode(&strict.settings_);
     strict["strictRoot"] = false;
     std::string reason;
-    if (Json::parseFromStream(strict, file, &config, &reason))
-        return "";
+    try {
+        if (Json::parseFromStream(strict, file, &config, &reason))
+            return "";
+    } catch (const std::exception &too_deep) {
+        reason = too_deep.what();
+    }
     for (char &c : reason)
         if (c == '\n')
             c = ' ';

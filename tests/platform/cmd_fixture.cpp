@@ -100,13 +100,9 @@ Json::Value CmdTest::default_with(const std::string &path, const Json::Value &va
 }
 
 Json::Value CmdTest::default_without(const std::string &path) {
-    const size_t dot = path.rfind('.');
-    const std::string parent = dot == std::string::npos ? "" : path.substr(0, dot);
     Json::Value config = default_config();
-    Json::Value members = *conf::find_member(config, parent);
-    if (!members.removeMember(path.substr(dot == std::string::npos ? 0 : dot + 1), nullptr))
+    if (!conf::remove_member(config, path))
         throw std::invalid_argument(path);
-    conf::set_member(config, parent, members);
     return config;
 }
 
