@@ -1,0 +1,29 @@
+// The documents that the commands work on.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+
+namespace vtrcfg {
+
+bool has_edited();
+
+// All throw trouble when the document cannot be read.
+Json::Value read_document(const std::string &file);
+Json::Value running_document();
+
+// The edited configuration; when there is none, or what was edited is running by now, the running one.
+// Throws trouble when the running configuration has become another since the editing began: the edited
+// one would take that change back.
+Json::Value document_to_edit();
+
+// Keeps the document, its sensitive fields encoded, and marks that something is not committed.
+void keep_edited(const Json::Value &document);
+
+void forget_edited();
+
+// The reasons why the edited configuration must not be requested any more, or empty.
+std::string edited_is_stale();
+
+} // namespace vtrcfg

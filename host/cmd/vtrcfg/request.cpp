@@ -1,0 +1,112 @@
+// request: hands a candidate to the agent.
+#include "host/cmd/fault.h"
+#include "host/cmd/paths.h"
+#include "host/cmd/vtrcfg/commands.h"
+#include "host/cmd/vtrcfg/documents.h"
+#include "host/cmd/vtrcfg/progress.h"
+
+#include "platform/cmd.h"
+#include "platform/vantrel.h"
+
+#include <mosquittopp.h>
+
+#include <chrono>
+#include <iostream>
+
+namespace vtrcfg {
+namespace {
+
+constexpr char TOPIC[] = "v1/device/cmd/config/apply";
+constexpr char PAYLOAD[] = R"({"source":"vtrcfg"})";
+constexpr auto BROKER_LIMIT = std::chrono::seconds(10);
+
+// Sends one message to the broker on this router and waits until the broker has it.
+class publisher : public mosqpp::mosquittopp {
+public:
+    publisher() : mosquittopp(nullptr, true) {}
+
+    bool send() {
+        if (connect("localhost", 1883, 30) != MOSQ_ERR_SUCCESS)
+            return false;
+        const auto limit = std::chrono::steady_clock::now() + BROKER_LIMIT;
+        while (!arrived && !refused && std::chrono::steady_clock::now() < limit)
+            if (loop(100, 1) != MOSQ_ERR_SUCCESS)
+                return false;
+        disconnect();
+        return arrived;
+    }
+
+private:
+    void on_connect(int rc) override {
+        constexpr int AT_LEAST_ONCE = 1;
+        refused = rc != 0 || publish(nullptr, TOPIC, sizeof PAYLOAD - 1, PAYLOAD, AT_LEAST_ONCE, false) != 0;
+    }
+    void on_publish(int) override { arrived = true; }
+
+    bool arrived = false;
+    bool refused = false;
+};
+
+bool send_request() {
+    mosqpp::lib_init();
+    const bool sent = publisher().send();
+    mosqpp::lib_cleanup();
+    return sent;
+}
+
+std::string reason_to_wait() {
+    if (file_exists(conf::FAILSAFE_TIMER))
+        return "a configuration is being verified";
+    if (file_exists(conf::NEW_CONFIG) || file_exists(conf::STORED_NEW_CONFIG))
+        return "another candidate waits for its apply";
+    return "";
+}
+
+bool tell_faults(const std::string &file) {
+    const auto faults = conf::configuration_faults(file.c_str());
+    for (const conf::fault &one : faults)
+        std::cerr << conf::to_text(one) << "\n";
+    return !faults.empty();
+}
+
+void place_candidate(const Json::Value &candidate) {
+    if (write_json_file(conf::NEW_CONFIG, candidate) != 0)
+        throw trouble(std::string(conf::NEW_CONFIG) + " cannot be written");
+    if (send_request())
+        return;
+    delete_file(conf::NEW_CONFIG);
+    throw trouble("the broker on this router does not take the request");
+}
+
+} // namespace
+
+int request(const request_options &options) {
+    const bool is_edited = options.file.empty();
+    if (is_edited && !has_edited())
+        throw trouble("nothing was edited; 'vtrcfg set' does, or name a file");
+    const std::string file = is_edited ? conf::EDITED_CONFIG : options.file;
+    const Json::Value candidate = read_document(file);
+    const std::string wanted = config_hash(candidate);
+    if (wanted == current_config_hash()) {
+        std::cout << "this is the running configuration already\n";
+        return YES;
+    }
+    if (const std::string stale = is_edited ? edited_is_stale() : ""; !stale.empty())
+        throw trouble(stale);
+    if (const std::string reason = reason_to_wait(); !reason.empty())
+        throw trouble(reason);
+    if (options.validate && tell_faults(file))
+        return NO;
+
+    progress shown;
+    place_candidate(candidate);
+    if (!options.wait) {
+        std::cout << "requested\n";
+        return YES;
+    }
+    if (!shown.follow_to_the_end(options.wait_seconds))
+        throw trouble("the apply has not ended in time; 'vtrcfg status' tells how it goes on");
+    return current_config_hash() == wanted ? YES : NO;
+}
+
+} // namespace vtrcfg
