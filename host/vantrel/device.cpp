@@ -5,11 +5,13 @@
 #include <charconv>
 #include <fstream>
 #include <string>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 namespace {
 
+constexpr const char *BOOT_FOLDER = "/var/data/boot";
 constexpr const char *BOOT_SLOT_FILE = "/var/data/boot/slot";
 constexpr const char *DEVICE_TYPE_FILE = "/var/data/factory/device_type";
 constexpr unsigned REBOOT_RETRY_SECONDS = 10;
@@ -40,6 +42,7 @@ int switch_firmware_partition() try {
     const char running = running_slot();
     if (running != '1' && running != '2')
         return -1;
+    mkdir(BOOT_FOLDER, 0755);
     if (replace_file(BOOT_SLOT_FILE, running == '1' ? "2\n" : "1\n") != 0)
         return -1;
     request_reboot_blocking();

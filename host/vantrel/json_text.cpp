@@ -64,7 +64,7 @@ bool scalars_are_json(std::string_view text) {
         if (text[at] == '"') {
             if (!skip_string(text, at))
                 return false;
-        } else if (text[at] == '+') {
+        } else if (text[at] == '+' || text[at] == '\0') { // jsoncpp ends at a zero, whatever follows
             return false;
         } else if (text[at] == '-' || is_digit(text[at])) {
             if (!skip_number(text, at))

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
-#include <mutex>
 #include <poll.h>
 #include <spawn.h>
 #include <string_view>
@@ -58,17 +57,14 @@ public:
 // A process that was started with SIGCHLD ignored never learns how its children end (waitpid(2),
 // ECHILD); the exit statuses are this library's to deliver, so it takes the default back.
 void make_sure_children_can_be_waited_for() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        struct sigaction action {};
-        sigaction(SIGCHLD, nullptr, &action);
-        if (action.sa_handler != SIG_IGN && (action.sa_flags & SA_NOCLDWAIT) == 0)
-            return;
-        if (action.sa_handler == SIG_IGN)
-            action.sa_handler = SIG_DFL;
-        action.sa_flags &= ~SA_NOCLDWAIT;
-        sigaction(SIGCHLD, &action, nullptr);
-    });
+    struct sigaction action {};
+    sigaction(SIGCHLD, nullptr, &action);
+    if (action.sa_handler != SIG_IGN && (action.sa_flags & SA_NOCLDWAIT) == 0)
+        return;
+    if (action.sa_handler == SIG_IGN)
+        action.sa_handler = SIG_DFL;
+    action.sa_flags &= ~SA_NOCLDWAIT;
+    sigaction(SIGCHLD, &action, nullptr);
 }
 
 // True when the child ended within the limit.
