@@ -50,8 +50,10 @@ bool takes_connections() {
 
 void broker::start() {
     write_text("/tmp/mosquitto.conf", CONFIGURATION);
-    const std::array<const char *, 4> arguments = {"mosquitto", "-c", "/tmp/mosquitto.conf", nullptr};
-    if (posix_spawnp(&pid, "mosquitto", nullptr, nullptr, const_cast<char *const *>(arguments.data()),
+    // Ends with the test, also when that crashes.
+    const std::array<const char *, 7> arguments = {"setpriv", "--pdeathsig",         "KILL", "mosquitto",
+                                                   "-c",      "/tmp/mosquitto.conf", nullptr};
+    if (posix_spawnp(&pid, "setpriv", nullptr, nullptr, const_cast<char *const *>(arguments.data()),
                      environ) != 0)
         throw std::runtime_error("cannot start mosquitto");
     for (int i = 0; i < 1000; ++i) {

@@ -10,8 +10,14 @@
 #include <filesystem>
 #include <map>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
+
+// The library's waits cost nothing here.
+unsigned sleep(unsigned) {
+    return 0;
+}
 
 namespace {
 
@@ -45,6 +51,18 @@ TEST_F(Reboot, RunsAndDoesNotReturn) {
 TEST_F(Reboot, IsForcedWithoutReturning) {
     EXPECT_TRUE(ended_by_reboot(stop_watchdog_and_force_hw_reboot_blocking));
     EXPECT_EQ(read_text("/tmp/reboot"), "reboot -f\n");
+}
+
+TEST_F(Reboot, IsTriedAgainAndLoggedWhenItFails) {
+    write_stub("reboot",
+               "echo again >> /tmp/reboot; test $(wc -l < /tmp/reboot) -lt 3 && exit 5; kill -9 $PPID");
+    const int log = open_dev_log();
+    EXPECT_TRUE(ended_by_reboot(request_reboot_blocking));
+    EXPECT_EQ(read_text("/tmp/reboot"), "again\nagain\nagain\n");
+    const std::string failed = "/sbin/reboot -f failed: 5";
+    EXPECT_THAT(read_dev_log(log),
+                testing::ElementsAre(testing::HasSubstr(failed), testing::HasSubstr(failed)));
+    close(log);
 }
 
 TEST_F(Reboot, ComesAfterTheOtherSlotIsTheOneToBoot) {

@@ -211,6 +211,18 @@ TEST(MqttExtraSubscriptions, AreNoneWithoutTheFile) {
     EXPECT_EQ(packets.size(), 2U + 2 + 2 + std::strlen("test/#") + 1) << "one SUBSCRIBE";
 }
 
+TEST(MqttExtraSubscriptions, AreLeftOutWhenTheConnectionIsRefused) {
+    make_etc_private();
+    write_text("/etc/tessard/extra-subscriptions", "extra\n");
+    const broker mosquitto;
+    test_client client;
+    ASSERT_TRUE(client.is_ready(2));
+    client.on_connect(5);
+    client.send_message(nullptr, "test/a", "end");
+    ASSERT_TRUE(client.loops_until([&] { return !client.messages.empty(); }));
+    EXPECT_EQ(client.subscriptions, 2) << "none new";
+}
+
 TEST(MqttMessage, HasAnEmptyTextForAnEmptyPayload) {
     const broker mosquitto;
     test_client client;

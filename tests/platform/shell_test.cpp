@@ -53,6 +53,11 @@ TEST(Orvsys, TakesATextOfAnyLength) {
     }
 }
 
+TEST(Orvsys, TakesATextThatJustFitsAnArgumentAndOneThatDoesNot) {
+    for (const size_t length : {131070UL, 131071UL, 131072UL, 131073UL})
+        EXPECT_EQ(orvsys("exit 5 #%s", std::string(length - 8, 'x').c_str()), 5) << length;
+}
+
 TEST(Orvsys, GivesMinusOneWithoutAShell) {
     const fs::path shell = fs::canonical("/bin/sh");
     fs::rename(shell, "/usr/bin/no-shell");

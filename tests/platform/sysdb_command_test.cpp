@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <sqlite3.h>
 
 namespace {
 
@@ -33,6 +34,19 @@ TEST(SysdbCommand, TakesATextThatIsNoNumberForNone) {
         EXPECT_NE(sysdb_read_int(0, "KEY", &value), 0) << text;
     }
     EXPECT_EQ(value, 42);
+}
+
+TEST(SysdbLock, IsNotTakenToWriteTheValueThatIsThere) {
+    ASSERT_EQ(sysdb_namedb_write_int(nullptr, "SYS", "SYS_JOB_COUNT", 17, 0), 0);
+    sqlite3 *other = nullptr;
+    ASSERT_EQ(sqlite3_open("/var/volatile/sysdb/sysdb.sqlite", &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    EXPECT_EQ(sysdb_namedb_write_int(nullptr, "SYS", "SYS_JOB_COUNT", 17, 0), 0);
+    int value = 0;
+    EXPECT_EQ(sysdb_read_int(0, "SYS_JOB_COUNT", &value), 0);
+    EXPECT_EQ(value, 17);
+    sqlite3_close(other);
+    EXPECT_EQ(sysdb_namedb_write_int(nullptr, "SYS", "SYS_JOB_COUNT", 18, 0), 0);
 }
 
 TEST(SysdbCommand, GetsWhatTheLibraryWrote) {
