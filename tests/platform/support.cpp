@@ -64,6 +64,19 @@ int exit_status_of(const std::function<int()> &body) {
     return WEXITSTATUS(status);
 }
 
+// Not moved aside: the file of another user cannot be renamed inside a user namespace.
+missing_command::missing_command(const std::string &name)
+    : path(fs::canonical("/usr/bin/" + name)), in_sbin("/usr/sbin/" + name), bytes(read_text(path)) {
+    fs::remove(path);
+}
+
+missing_command::~missing_command() {
+    fs::remove(path);
+    fs::remove(in_sbin);
+    write_text(path, bytes);
+    fs::permissions(path, fs::perms(0755));
+}
+
 void set_kernel_command_line(const std::string &text) {
     write_text("/tmp/.cmdline", text);
     mount_or_throw("/tmp/.cmdline", "/proc/cmdline", nullptr, MS_BIND, nullptr);
