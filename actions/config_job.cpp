@@ -19,7 +19,7 @@ constexpr int FULL_CONFIG_LEVEL = 0;
 constexpr int UNKNOWN_CONFIG_LEVEL = 2;
 
 void log_outcome(const Json::Value &job) {
-    if (job.isMember(KEY_MSG))
+    if (job.isMember(KEY_MSG) && job[KEY_MSG].isConvertibleTo(Json::stringValue))
         syslog(LOG_NOTICE, "config job status: %s", job[KEY_MSG].asString().c_str());
 }
 
