@@ -35,7 +35,7 @@ bool is_stored_already(const Json::Value &job, const std::string &job_id, const 
     Json::Value prev;
     if (read_json_file(active_job_path(job_id).c_str(), prev) != 0)
         return false;
-    if (!prev.isMember(KEY_JOB_ID) || prev[KEY_JOB_ID] != job[KEY_JOB_ID])
+    if (!prev.isObject() || !prev.isMember(KEY_JOB_ID) || prev[KEY_JOB_ID] != job[KEY_JOB_ID])
         return false;
     syslog(LOG_NOTICE, "prev job status: %s current job status: %s",
            prev.get(KEY_STATUS, "").asString().c_str(), status.c_str());
