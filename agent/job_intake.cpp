@@ -85,9 +85,8 @@ int new_job_file(Json::Value &job) try {
 }
 
 bool is_script_cmd_job(const Json::Value &job) {
-    return job.isMember(KEY_ACTION) && job[KEY_ACTION] == ACTION_CMD && job.isMember(KEY_VALUE) &&
-           job[KEY_VALUE] == "SCRIPT" && job.isMember(KEY_PARAMS) && job[KEY_PARAMS].isObject() &&
-           job[KEY_PARAMS].isMember(PARAM_SCRIPT);
+    return job.isObject() && job[KEY_ACTION] == ACTION_CMD && job[KEY_VALUE] == "SCRIPT" &&
+           job[KEY_PARAMS].isObject() && job[KEY_PARAMS].isMember(PARAM_SCRIPT);
 }
 
 bool check_cmd_job_priority_is_critical(const Json::Value &job) {

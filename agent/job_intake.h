@@ -18,13 +18,13 @@ int job_apply(tessard &client, const mosquitto_message *message);
 // "jobId" is dropped. Returns -1 in every case. Never throws.
 int new_job_file(Json::Value &job);
 
-// A command job that carries a script.
+// A command job that carries a script. Members of another type count as missing. Never throws.
 bool is_script_cmd_job(const Json::Value &job);
 
 // A script command job whose script begins with the priority marker.
 bool check_cmd_job_priority_is_critical(const Json::Value &job);
 
-// Fails every active job, or the oldest one, and deletes its file. A file that is not JSON stays.
+// Fails every active job, or the oldest one, and deletes its file. A file that holds no JSON object stays.
 void clear_active_jobs();
 void clear_running_job();
 
