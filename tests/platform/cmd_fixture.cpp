@@ -18,8 +18,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char SOURCE_META[] = TESSARD_CMD_SOURCE "/meta";
-constexpr char SOURCE_DEFAULT[] = TESSARD_CMD_SOURCE "/default-config.json";
+constexpr char SOURCE_META[] = CMD_SOURCE "/meta";
+constexpr char SOURCE_DEFAULT[] = CMD_SOURCE "/default-config.json";
 
 void mount_or_throw(const char *source, const char *target, const char *type, const std::string &options) {
     if (mount(source, target, type, 0, options.c_str()) != 0)
