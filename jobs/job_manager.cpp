@@ -32,9 +32,13 @@ void guarded(auto routine) {
     }
 }
 
-bool is_fw_action(const std::string &action) {
+bool is_fw_action(const Json::Value &action) {
     return action == ACTION_FW || action == ACTION_FW_LOWER || action == ACTION_FW_PUT ||
            action == ACTION_FW_PUT_LOWER;
+}
+
+std::string as_text(const Json::Value &value) {
+    return value.isConvertibleTo(Json::stringValue) ? value.asString() : value.toStyledString();
 }
 
 // The cloud's firmware job has installed a firmware, and the device has rebooted into it.
@@ -124,7 +128,7 @@ void archive_and_check_in(tessard &client, const Json::Value &job, const std::st
 
 // An installed firmware waits for its verification, so the oldest unfinished job should be its job.
 void check_job_of_unverified_firmware(Json::Value &job) {
-    const std::string action = job.get(KEY_ACTION, "").asString();
+    const Json::Value action = job.get(KEY_ACTION, "");
     if (is_fw_action(action)) {
         const std::string status = job.get(KEY_STATUS, "").asString();
         if (status == STATUS_EXECUTED)
@@ -140,7 +144,7 @@ void check_job_of_unverified_firmware(Json::Value &job) {
                "firmware update in progress, but active job is not a FW job, reverting to previous FW");
     else
         syslog(LOG_ALERT, "firmware update in progress, but active job %s action is %s",
-               job_id_of(job).c_str(), action.c_str());
+               job_id_of(job).c_str(), as_text(action).c_str());
     job[KEY_STATUS] = STATUS_FAILED;
     finalise_fw_install(job, true);
 }
@@ -165,7 +169,7 @@ void resume_executed_job(tessard &client, Json::Value &job, const std::string &j
         job[KEY_STATUS] = STATUS_FAILED;
         update_job_status(job, 1);
     }
-    const std::string action = job.get(KEY_ACTION, "").asString();
+    const Json::Value action = job.get(KEY_ACTION, "");
     if (is_fw_action(action)) {
         if (job[KEY_STATUS].asString() == STATUS_EXECUTED)
             verify_firmware(client, job);
