@@ -1,7 +1,6 @@
 // Jobs that have ended: reported until they are acknowledged, then archived.
 #include "tests/unit/job_manager_fixture.h"
 
-using testing::AllOf;
 using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
