@@ -2,6 +2,7 @@
 import json
 import os
 import secrets
+import shutil
 import subprocess
 import sys
 import time
@@ -102,6 +103,11 @@ class Router:
             raise RouterError(f"the launcher ended: {(self.state / 'log/launcher').read_text()[-2000:]}")
         if status.get("state") == "off" and status["last_end"].startswith("init crashed"):
             raise RouterError(f"{status['last_end']}: {(self.state / 'log/console').read_text()[-2000:]}")
+
+    def forget(self):
+        """Takes away everything that this router ever was."""
+        self.down()
+        shutil.rmtree(self.state.folder, ignore_errors=True)
 
     def down(self):
         if self.launcher_runs():
