@@ -11,11 +11,12 @@ from router.virtual.state import replace_file
 
 
 class Clock:
-    def __init__(self, path, speed):
+    def __init__(self, path, speed, first=None):
+        """first: the time to begin with, in seconds since the epoch; this machine's when None."""
         self.path = path
         self.speed = speed
         self.made = time.time()
-        self.stepped = 0.0
+        self.stepped = 0.0 if first is None else first - self.made
         self.booted = self.made
 
     def start(self):

@@ -33,10 +33,16 @@ class Launcher:
         self.last_end = ""
         self.cause = None       # what we did to end the boot, when it was us
         self.wanted = "on"      # "on", "off" or "gone"
-        speed = self.options.get("speed", 1)
-        own_clock = speed != 1 or self.options.get("clock")
-        self.clock = Clock(self.state / "outside/clock", speed) if own_clock else None
+        self.clock = self.make_clock()
         self.data = self.mount_disk()
+
+    def make_clock(self):
+        """None where the agent has this machine's clock."""
+        speed = self.options.get("speed", 1)
+        first = self.options.get("clock_at")
+        if speed == 1 and first is None and not self.options.get("clock"):
+            return None
+        return Clock(self.state / "outside/clock", speed, first)
 
     # --- what others see
 

@@ -63,6 +63,13 @@ class TestRouter(Router):
         self.wait_until(lambda: self.subscriptions().count(TOPICS[-1]) >= times, PATIENCE,
                         "the agent to subscribe")
 
+    def text(self, path):
+        """What a file in /var/data or in memory holds; empty when it is not there."""
+        try:
+            return self.live(path).read_text()
+        except (OSError, KeyError):
+            return ""
+
     # --- configuration and jobs
 
     def set_cloud(self, **settings):

@@ -85,6 +85,7 @@ def cloud(router):
     """The cloud, connected: a test that boots its router itself makes its own."""
     with Service(socket_of(router)) as service:
         router.wait_until(service.link.is_connected, 10, "the cloud to reach the broker")
+        router.wait_connected()     # before that the agent would miss what is sent
         yield service
 
 

@@ -12,7 +12,6 @@ def lines_about(router, topic):
 
 def send_and_see(router, cloud, topic, payload="{}"):
     """What the agent logs about one message, up to the next one."""
-    router.wait_connected()
     cloud.publish(topic, payload)
     cloud.publish("v1/device/iot/job/update", "the next")
     router.wait_for_log("on_message: topic[v1/device/iot/job/update]")
@@ -21,7 +20,6 @@ def send_and_see(router, cloud, topic, payload="{}"):
 
 
 def test_a_message_without_a_handler_is_only_logged(router, cloud):
-    router.wait_connected()
     cloud.publish("v1/device/iot/job/update", "{}")
     cloud.publish("v1/device/job/1/pub_ack", "{}")
     router.wait_for_log("on_message: topic[v1/device/job/1/pub_ack]")
@@ -30,7 +28,6 @@ def test_a_message_without_a_handler_is_only_logged(router, cloud):
 
 
 def test_every_subscribed_topic_arrives(router, cloud):
-    router.wait_connected()
     for topic in ("v1/device/job/7/apply", "v1/device/job/7/update", "v1/device/job/7/pub_ack",
                   "v1/device/cmd/x/apply", "v1/device/cmd/x/ack", "v1/device/iot/job/update",
                   "v1/device/cmd/config/abort/apply"):
@@ -39,7 +36,6 @@ def test_every_subscribed_topic_arrives(router, cloud):
 
 
 def test_the_extra_topics_of_the_image_arrive(router, cloud):
-    router.wait_connected()
     for topic in ("v1/device/config/publish", "v1/device/config/reset", "v1/devices/me/attributes"):
         cloud.publish(topic, "not json")
         router.wait_for_log(f"on_message: topic[{topic}]")
@@ -52,7 +48,6 @@ def test_a_job_acknowledgement_reaches_its_handler(router, cloud):
 
 
 def test_another_job_topic_reaches_no_handler(router, cloud):
-    router.wait_connected()
     cloud.publish("v1/device/job/77/other", "{}")
     assert send_and_see(router, cloud, "v1/device/job/78/pub_ack") != []
     assert "v1/device/job/77/other" not in router.log(), "it is not even subscribed"
@@ -74,7 +69,6 @@ def test_a_handler_that_throws_leaves_the_next_message_alone(router, cloud):
 
 
 def test_an_empty_payload_is_harmless_everywhere(router, cloud):
-    router.wait_connected()
     pid = router.agent_pid()
     topics = [f"v1/device/{rest}" for rest in ("job/1/apply", "job/1/update", "job/all/update",
                                                "job/1/pub_ack", "cmd/x/apply", "cmd/x/ack")]
