@@ -15,6 +15,7 @@ sys.path[:0] = [str(TREE), str(Path(__file__).parent)]
 
 from bed import TestRouter  # noqa: E402
 from cloud.certificates import make_authority  # noqa: E402
+from cloud.file_server import FileServer  # noqa: E402
 from cloud.service import Service, socket_of  # noqa: E402
 from cloud.upload_server import UploadServer  # noqa: E402
 from router.virtual.client import NoNamespaces, check_namespaces  # noqa: E402
@@ -87,6 +88,14 @@ def cloud(router):
         router.wait_until(service.link.is_connected, 10, "the cloud to reach the broker")
         router.wait_connected()     # before that the agent would miss what is sent
         yield service
+
+
+@pytest.fixture
+def files(router):
+    """Firmware and other files on the cloud's side, for whoever has this router's token."""
+    token = router.run("cat /var/data/factory/token").strip()
+    with FileServer(router, token=token) as server:
+        yield server
 
 
 @pytest.fixture
