@@ -7,7 +7,7 @@ import sys
 import time
 
 from router.virtual.client import NoNamespaces, Router, RouterError
-from router.virtual.services import SERVICES
+from router.virtual.services import FAULTY
 from router.virtual.state import DEFAULT_ROOT
 
 SKIP = 77
@@ -39,6 +39,7 @@ def add_power(commands):
     up.add_argument("--clock", action="store_true", help="a clock of its own that can be stepped")
     up.add_argument("--no-broker", dest="broker", action="store_false", help="boot with the broker stopped")
     up.add_argument("--device-type", type=int, help="1, 2 and 5 take upgrades, 5 has the button (5)")
+    up.add_argument("--flash", action="store_true", help="both slots anew from the build tree, boot the first")
     up.add_argument("--data-size", help="limit of /var/data, as in 4m")
     commands.add_parser("down", help="switch it off and take it away; /var/data stays")
     commands.add_parser("reboot", help="/sbin/reboot -f inside, and wait for the next boot")
@@ -54,7 +55,7 @@ def add_faults(commands):
     commands.add_parser("broker", help="the router's MQTT broker").add_argument(
         "to", choices=("start", "stop"))
     fault = commands.add_parser("fault", help="make a service slow or fail; without words, well again")
-    fault.add_argument("service", choices=SERVICES, metavar="SERVICE", help=", ".join(SERVICES))
+    fault.add_argument("service", choices=FAULTY, metavar="SERVICE", help=", ".join(FAULTY))
     fault.add_argument("words", nargs="*", metavar="WORD", help="slow SECONDS | fail STATUS")
     clock = commands.add_parser("clock", help="step or set the agent's clock")
     clock.add_argument("change", nargs="?", help="+SECONDS, -SECONDS or @SECONDS_SINCE_EPOCH")
@@ -113,7 +114,7 @@ def up(router, arguments):
     began = time.monotonic()
     router.up(build=arguments.build, version=arguments.version, speed=arguments.speed,
               clock=arguments.clock, broker=arguments.broker, device_type=arguments.device_type,
-              data_size=arguments.data_size)
+              data_size=arguments.data_size, flash=arguments.flash)
     print(f"{router.name} is up after {time.monotonic() - began:.2f} s")
 
 

@@ -57,10 +57,7 @@ class Router:
             stale.unlink(missing_ok=True)
         services.forget(self.state / "outside")
         root = image.ensure(build, version)
-        for slot in ("1", "2"):
-            link = self.state / "slots" / slot
-            link.unlink(missing_ok=True)
-            link.symlink_to(root)
+        self.fill_slots(root, options.pop("flash", False))
         bundle = self.state / "etc/ca-certificates.crt"
         if not bundle.exists():
             bundle.write_bytes((root / image.CA_BUNDLE.lstrip("/")).read_bytes())
@@ -68,6 +65,19 @@ class Router:
             (self.state / "outside/broker.off").touch()
         self.make_identity(options.get("device_type"))
         self.state.write("options.json", options)
+
+    def fill_slots(self, root, flash):
+        """Both hold the image of the build tree, but what an upgrade has installed stays, unless flashed anew."""
+        for slot in ("1", "2"):
+            place = self.state / "slots" / slot
+            if place.is_dir() and not place.is_symlink():
+                if not flash:
+                    continue
+                shutil.rmtree(place)
+            place.unlink(missing_ok=True)
+            place.symlink_to(root)
+        if flash:
+            shutil.rmtree(self.state / "data/boot", ignore_errors=True)
 
     def make_identity(self, device_type=None):
         """What the factory writes once: device type 5 unless told, and a token of its own."""

@@ -11,6 +11,7 @@ import shutil
 import subprocess
 from pathlib import Path
 
+from router.virtual import keys
 from router.virtual.state import TREE
 
 BUSYBOX = Path("/bin/busybox")
@@ -39,7 +40,7 @@ PACKAGED = {
 }
 FAKETIME = "libfaketimeMT.so.1"
 CA_BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
-MOUNT_POINTS = ("proc", "dev", "sys", "run", "tmp", "root", "mnt/outside", "var/data", "var/volatile",
+MOUNT_POINTS = ("proc", "dev", "sys", "run", "tmp", "root", "mnt/outside", "mnt/slots", "var/data", "var/volatile",
                 "etc/ssl/certs")
 TEMPLATE = TREE / "router" / "image"
 
@@ -147,7 +148,7 @@ def fill(root, version, files):
 def ensure(build, version="1.0.0"):
     """The folder of the image for that build tree and version, built when it is not there yet."""
     build = Path(build).resolve()
-    files = contents(build)
+    files = {**contents(build), "/etc/router/firmware-key.pub": keys.public_key(build)}
     store = build / "router-images"
     store.mkdir(exist_ok=True)
     final = store / f"{version}-{digest(version, files)}"

@@ -13,9 +13,10 @@ import subprocess
 import sys
 import time
 
-from router.virtual import image, network
+from router.virtual import image, network, services
+from router.virtual.bootloader import BootLoader, slot_of, trial_seconds
 from router.virtual.clock import Clock
-from router.virtual.sandbox import Sandbox, slot_of
+from router.virtual.sandbox import Sandbox
 from router.virtual.state import StateFolder, listen_unix
 
 MEMORY = "64m"
@@ -35,6 +36,9 @@ class Launcher:
         self.wanted = "on"      # "on", "off" or "gone"
         self.clock = self.make_clock()
         self.data = self.mount_disk()
+        self.loader = BootLoader(self.data, self.state / "slots")
+        self.slot = slot_of(self.data)
+        self.trial_ends = None  # when a slot on trial must have proved itself
 
     def make_clock(self):
         """None where the agent has this machine's clock."""
@@ -50,7 +54,7 @@ class Launcher:
         self.state.write("status.json", {
             "state": self.phase, "boots": self.boots, "launcher": os.getpid(),
             "init": self.sandbox.init_pid if self.sandbox else None,
-            "slot": slot_of(self.data), "last_end": self.last_end, "since": time.time()})
+            "slot": self.slot, "last_end": self.last_end, "since": time.time()})
 
     def move_to(self, phase):
         self.phase = phase
@@ -93,12 +97,17 @@ class Launcher:
     def boot(self):
         self.boots += 1
         self.cause = None
-        slot = slot_of(self.data)
-        (self.state / "etc/cmdline").write_text(f"console=ttyS0 root=/dev/slot{slot} ro quiet\n")
+        self.slot, remark = self.loader.choose()
+        if remark:
+            services.note(self.state / "outside", "boot-loader", remark)
+        self.trial_ends = None
+        if self.loader.on_trial():
+            self.trial_ends = time.monotonic() + trial_seconds(self.options.get("speed", 1))
+        (self.state / "etc/cmdline").write_text(f"console=ttyS0 root=/dev/slot{self.slot} ro quiet\n")
         self.make_memory()
         if self.clock:
             self.clock.start()
-        root = os.path.realpath(self.state / "slots" / slot)
+        root = os.path.realpath(self.state / "slots" / self.slot)
         self.image_hold = image.hold(root)
         with open(self.state / "log/console", "ab") as console:
             self.sandbox = Sandbox(self.state, root, self.data, console)
@@ -115,7 +124,8 @@ class Launcher:
         self.sandbox = None
         os.close(self.image_hold)
         self.lose_memory()
-        if ended.startswith(("halt", "init crashed")):
+        gives_up = ended.startswith("init crashed") and not self.loader.on_trial()
+        if gives_up or ended.startswith("halt"):
             self.wanted = "off" if self.wanted == "on" else self.wanted
         self.move_to("off")
 
@@ -123,14 +133,25 @@ class Launcher:
         if self.phase == "booting" and (self.state / "live/run/booted").exists():
             self.move_to("up")
 
+    def check_trial(self):
+        """The watchdog of a slot on trial: ends a boot in which the agent does not stay alive."""
+        if not self.trial_ends or time.monotonic() < self.trial_ends:
+            return
+        self.trial_ends = None
+        if self.sandbox and self.loader.on_trial():
+            self.end_boot("watchdog")
+
+    def end_boot(self, cause):
+        self.cause = cause
+        os.kill(self.sandbox.init_pid, signal.SIGKILL)
+        self.boot_ended()
+
     # --- orders
 
     def cut_power(self, wanted):
         self.wanted = wanted
         if self.sandbox:
-            self.cause = "power cut" if wanted != "gone" else "switched off"
-            os.kill(self.sandbox.init_pid, signal.SIGKILL)
-            self.boot_ended()
+            self.end_boot("power cut" if wanted != "gone" else "switched off")
 
     def order(self, request):
         name = request["do"]
@@ -187,10 +208,15 @@ class Launcher:
         while self.wanted != "gone":
             if self.wanted == "on" and not self.sandbox:
                 self.boot()
-            timeout = POLL_BOOTED if self.phase == "booting" else None
-            for key, _ in self.selector.select(timeout):
+            for key, _ in self.selector.select(self.patience()):
                 key.data()
             self.check_booted()
+            self.check_trial()
+
+    def patience(self):
+        if self.phase == "booting":
+            return POLL_BOOTED
+        return max(0, self.trial_ends - time.monotonic()) if self.trial_ends else None
 
 
 def mount_tmpfs(folder, size):

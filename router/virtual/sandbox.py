@@ -4,14 +4,6 @@ import os
 import subprocess
 
 
-def slot_of(data):
-    """The firmware slot to boot: "1", or "2" when the boot files say so."""
-    try:
-        return "2" if (data / "boot/slot").read_text().strip() == "2" else "1"
-    except FileNotFoundError:
-        return "1"
-
-
 def command_line(state, image, data, fds):
     live = state / "live"
     return [
@@ -27,6 +19,7 @@ def command_line(state, image, data, fds):
         "--bind", str(live / "volatile"), "/var/volatile",
         "--bind", str(data), "/var/data",
         "--bind", str(state / "outside"), "/mnt/outside",
+        "--bind", str(state / "slots"), "/mnt/slots",
         "--ro-bind", str(state / "etc/ca-certificates.crt"), "/etc/ssl/certs/ca-certificates.crt",
         "--clearenv", "--setenv", "PATH", "/usr/local/bin:/usr/bin:/bin:/usr/local/sbin:/usr/sbin:/sbin",
         "--chdir", "/", "/sbin/init",

@@ -1,8 +1,9 @@
 """The journal of the router's services, and the faults that they can be given."""
 import shutil
+import time
 from dataclasses import dataclass
 
-SERVICES = ("cmd_netgen", "cmd_firewall", "cmd_wifi", "cmd_ipsec", "qtel-mgr", "vtr-netwd", "vtr-app-mgr",
+FAULTY = ("cmd_netgen", "cmd_firewall", "cmd_wifi", "cmd_ipsec", "qtel-mgr", "vtr-netwd", "vtr-app-mgr",
             "vtr-iot", "vtr-system", "orv-upgradefw", "qtel-dfota", "file-transfer", "config-push")
 
 
@@ -26,10 +27,15 @@ def read_journal(outside):
     return [Entry(int(at), service, text) for at, service, text in (line.split("\t", 2) for line in lines)]
 
 
+def note(outside, service, text):
+    with open(outside / "journal", "a") as journal:
+        journal.write(f"{int(time.time())}\t{service}\t{text}\n")
+
+
 def set_faults(outside, service, faults):
     """Each a text: "slow SECONDS", "fail STATUS", or another that the service knows; none clears them."""
-    if service not in SERVICES:
-        raise ValueError(f"no service {service}: {', '.join(SERVICES)}")
+    if service not in FAULTY:
+        raise ValueError(f"no service {service}: {', '.join(FAULTY)}")
     folder = outside / "faults"
     folder.mkdir(exist_ok=True)
     new = folder / ".new"
