@@ -63,6 +63,12 @@ class TestRouter(Router):
         self.wait_until(lambda: self.subscriptions().count(TOPICS[-1]) >= times, PATIENCE,
                         "the agent to subscribe")
 
+    def wait_back(self, cloud):
+        """Until, in a boot that nobody waited for, agent and cloud hear of each other again."""
+        subscribed = re.compile(f"tessard 0 {re.escape(TOPICS[-1])}$", re.MULTILINE)
+        self.wait_until(lambda: subscribed.search(self.log_of_this_boot()) and cloud.link.is_connected(),
+                        PATIENCE, "the agent and the cloud to be back")
+
     def text(self, path):
         """What a file in /var/data or in memory holds; empty when it is not there."""
         try:

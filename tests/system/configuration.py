@@ -10,7 +10,7 @@ CANDIDATE = "/var/volatile/config/config.new"
 
 
 def read(router, path=RUNNING):
-    return json.loads(router.run(f"cat {path}"))
+    return json.loads(router.live(path).read_text())
 
 
 def write(router, document, path=RUNNING):
