@@ -1,9 +1,9 @@
 #include "host/cmd/config_copies.h"
+#include "host/cmd/host_cmd.h"
 
 #include "host/cmd/paths.h"
 #include "host/cmd/text_file.h"
 
-#include "platform/cmd.h"
 #include "platform/vantrel.h"
 
 namespace conf {
@@ -31,13 +31,6 @@ int install_config(const Json::Value &config, const char *config_path, const cha
 
 } // namespace conf
 
-// Both take the hash from the configuration that they restore rather than from its hash file: a cut
-// between the two may have left a hash that belongs to another configuration.
-
-// /var/data/orv/config.failsafe over config.json, its hash over config.hash. Where none was ever saved,
-// or it cannot be read, the image's default configuration takes its place: a router with no failsafe
-// copy has that one to fall back on. Fails when neither can be read or a write fails; the persistent
-// configuration is whole then all the same.
 int restore_failsafe_files_to_nv() try {
     if (conf::install_config(conf::FAILSAFE_CONFIG, conf::STORED_CONFIG, conf::STORED_HASH) == 0)
         return 0;
@@ -49,9 +42,6 @@ int restore_failsafe_files_to_nv() try {
     return -1;
 }
 
-// /var/data/orv/config.failsafe over config.running, its hash over config.running.hash. Without a
-// readable failsafe copy the persistent configuration becomes the running one. Fails when neither can
-// be read or a write fails.
 int restore_failsafe_files_to_running() try {
     if (conf::install_config(conf::FAILSAFE_CONFIG, conf::RUNNING_CONFIG, conf::RUNNING_HASH) == 0)
         return 0;

@@ -1,10 +1,10 @@
 // The hardware section of the configuration.
 #include "host/cmd/config_copies.h"
 #include "host/cmd/dotted.h"
+#include "host/cmd/host_cmd.h"
 #include "host/cmd/meta_files.h"
 #include "host/cmd/paths.h"
 
-#include "platform/cmd.h"
 #include "platform/vantrel.h"
 
 #include <net/if.h>
@@ -36,10 +36,6 @@ int write_if_different(const char *path, const Json::Value &value) {
 
 } // namespace
 
-// Applies the hardware section of the running configuration: it becomes the hardware settings in RAM
-// (/var/volatile/config/hardware.running), which drivers read, and the meta file is made anew for it.
-// Fails, and changes nothing, when the section is missing, a port that it enables does not exist as a
-// network device, or there is no usable meta data; fails too when a write fails.
 int cmd_hwconfig() try {
     Json::Value running;
     Json::Value hardware;
@@ -52,9 +48,6 @@ int cmd_hwconfig() try {
     return -1;
 }
 
-// The hardware section of the running configuration to /var/data/orv/config.hardware, where the early
-// boot finds it before there is a running configuration. Fails, and leaves the stored one, when the
-// running configuration has none or the write fails. What is stored already is not written again.
 int save_hw_config_section_to_nv() try {
     Json::Value running;
     Json::Value hardware;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr char ONE[] = "/var/volatile/config/one";
 constexpr char OTHER[] = "/var/volatile/config/other";
-constexpr int ROUNDS = 60;
+constexpr int ROUNDS = 30;
 
 class RandomConfigurations : public CmdTest, public testing::WithParamInterface<unsigned> {
 protected:

@@ -151,11 +151,25 @@ TEST_F(FactoryReset, OfAnUnknownModeIsRefusedAndChangesNothing) {
     EXPECT_TRUE(exists("/var/data/orv/vantrel_iot/jobs/active/77"));
 }
 
+TEST_F(FactoryReset, ThatCannotWriteKeepsWhatToFallBackOnAndLeavesNothingUnderWay) {
+    write_json(conf::FAILSAFE_CONFIG, saved);
+    write_text("/var/data/.tmp", "a file where the library wants a folder");
+    EXPECT_EQ(cmd_factory_reset(1), -1);
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), current);
+    EXPECT_EQ(read_json(conf::FAILSAFE_CONFIG), saved);
+    EXPECT_FALSE(exists(conf::STORED_NEW_CONFIG));
+    EXPECT_FALSE(exists(conf::STORED_ACTIVE_JOB));
+    EXPECT_THAT(files_in(conf::ACTIVE_JOBS), IsEmpty());
+    unlink("/var/data/.tmp");
+    EXPECT_EQ(cmd_factory_reset(1), 0);
+}
+
 TEST_F(FactoryReset, WithoutADefaultConfigurationFailsAndChangesNothing) {
     unlink(conf::DEFAULT_CONFIG);
     EXPECT_EQ(cmd_factory_reset(1), -1);
     EXPECT_EQ(read_json(conf::STORED_CONFIG), current);
     EXPECT_TRUE(exists(conf::FAILSAFE_CONFIG));
+    EXPECT_TRUE(exists(conf::STORED_NEW_CONFIG));
     EXPECT_TRUE(exists("/var/data/orv/vantrel_iot/jobs/active/77"));
 }
 
