@@ -51,8 +51,18 @@ bool device_takes_upgrades() {
     return type == 1 || type == 2 || type == 5;
 }
 
+// What is no object, or no truth value, is not true.
 bool is_true(const Json::Value &object, const char *key) {
-    return object.get(key, false).asBool();
+    if (!object.isObject())
+        return false;
+    const Json::Value value = object.get(key, false);
+    return value.isConvertibleTo(Json::booleanValue) && value.asBool();
+}
+
+// Empty when the record has no such text.
+std::string text_of(const Json::Value &job, const char *key) {
+    const Json::Value value = job.get(key, "");
+    return value.isConvertibleTo(Json::stringValue) ? value.asString() : "";
 }
 
 void store_sysdb_text(Json::Value &job, const char *record_key, const char *sysdb_key) {
@@ -66,7 +76,7 @@ void fail_upgrade(Json::Value &job) {
     set_fw_job_executing(false);
     job[KEY_STATUS] = STATUS_FAILED;
     if (job.isMember(KEY_MSG))
-        syslog(LOG_ALERT, "firmware update failed: %s", job[KEY_MSG].asString().c_str());
+        syslog(LOG_ALERT, "firmware update failed: %s", text_of(job, KEY_MSG).c_str());
     else
         syslog(LOG_ALERT, "firmware update failed");
     update_job_status(job, 1);
@@ -94,7 +104,7 @@ std::string tool_arguments(const std::string &url) {
 }
 
 void run_upgrade_tool(Json::Value &job, const char *token) {
-    const std::string url = job.get(KEY_VALUE, "").asString().substr(0, LONGEST_URL);
+    const std::string url = text_of(job, KEY_VALUE).substr(0, LONGEST_URL);
     syslog(LOG_ALERT, "start FW upgrade jobId: %s", job_id_of(job).c_str());
     const std::string command = "/usr/bin/orv-upgradefw " + tool_arguments(url) + " " + token;
     if (system(command.c_str()) == 0)
@@ -130,7 +140,7 @@ void start_dfota(Json::Value &job) {
     set_radiofw_job_executing(true);
     job[KEY_STATUS] = STATUS_EXECUTED;
     syslog(LOG_ALERT, "FW:execute qtel dfota: %s", job_id.c_str());
-    const std::string url = job.get(KEY_VALUE, "").asString();
+    const std::string url = text_of(job, KEY_VALUE);
     if (orvsys("/usr/bin/qtel-dfota -i %s -j %s &", url.c_str(), job_id.c_str()) != 0) {
         job[KEY_STATUS] = STATUS_FAILED;
         set_radiofw_job_executing(false);
@@ -154,10 +164,9 @@ void complete_upgrade(Json::Value &job) {
     report_overridden(job);
     char version[SYSDB_TEXT_SIZE] = "";
     if (sysdb_read_str(0, "SYS_FW_VER", version, SYSDB_TEXT_SIZE - 1) == 0) {
-        const std::string msg = "FW upgrade " + job.get(KEY_OLD_FW_VER, "").asString() + " to " + version;
+        const std::string msg = "FW upgrade " + text_of(job, KEY_OLD_FW_VER) + " to " + version;
         job[KEY_MSG] = msg;
-        syslog(LOG_ALERT, "FW upgrade completed %s %s", msg.c_str(),
-               job.get(KEY_STATUS, "").asString().c_str());
+        syslog(LOG_ALERT, "FW upgrade completed %s %s", msg.c_str(), text_of(job, KEY_STATUS).c_str());
     }
     job[KEY_STATUS] = STATUS_SUCCESS;
     finalise_fw_install(job, false);
@@ -191,6 +200,7 @@ void qtel_dfota(Json::Value &job) try {
     start_dfota(job);
 } catch (...) {
     syslog(LOG_DEBUG, "qtel_dfota: exception handler");
+    set_radiofw_job_executing(false); // no tool runs that would report, and clear it
 }
 
 void fw_upgrade(Json::Value &job) try {
@@ -212,7 +222,7 @@ void check_fw_upgrade_result(tessard &client, Json::Value &job) {
         revert_upgrade(job);
         return;
     }
-    if (!job.isMember(KEY_PARTITION2)) {
+    if (!job.isMember(KEY_PARTITION2) || !job[KEY_PARTITION2].isConvertibleTo(Json::booleanValue)) {
         syslog(LOG_ALERT, "FW upgrade failed, job missing partition property.");
         revert_upgrade(job);
         return;

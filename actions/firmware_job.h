@@ -6,7 +6,7 @@
 #include "agent/tessard.h"
 
 // A job with action "FW". params "radio" selects the modem. Marks the job as the one in progress for the time.
-// Throws Json::Exception on wrong types outside the two upgrades.
+// Throws Json::Exception when "jobId" is no text.
 void execute_action_fw_install(Json::Value &job);
 
 // Starts the modem's upgrade tool in the background; its result arrives as a job update. Never throws.

@@ -15,7 +15,7 @@ namespace {
 // Empty when the configuration is staged and its hash verified; else what is wrong.
 std::string stage_and_check(const Json::Value &job) {
     const Json::Value params = job.get(KEY_PARAMS, Json::Value());
-    if (!params.isMember(PARAM_CFG))
+    if (!params.isObject() || !params.isMember(PARAM_CFG))
         return "Error, FW upgrade job missing required cfg. Reverting to previous FW";
     if (write_json_file(STAGED_CONFIG.config, params[PARAM_CFG]) != 0)
         return "Error extracting config from FW upgrade job. Reverting to previous FW";
@@ -26,7 +26,8 @@ std::string stage_and_check(const Json::Value &job) {
         return "Error reading hash of staged config. Reverting to previous FW";
     if (!params.isMember(PARAM_HASH_AT_FW_VER))
         return "Error FW upgrade job is missing required hashAtFwVer value. Reverting to previous FW";
-    const std::string expected = params[PARAM_HASH_AT_FW_VER].asString();
+    std::string expected; // what is no text matches no hash
+    config_get_string(params, &expected, PARAM_HASH_AT_FW_VER);
     if (expected != hash)
         return "Error hash mismatch for staged config. Expecting: " + expected + " but calculated: " + hash +
                ". Reverting to previous FW";
@@ -47,7 +48,7 @@ int stage_upgrade_config(Json::Value &job) {
     return -1;
 }
 
-int verify_upgrade_config(tessard &client, Json::Value &job) {
+int verify_upgrade_config(tessard &client, Json::Value &job) try {
     syslog(LOG_NOTICE, "Copying staged config to new config");
     copy_file(STAGED_CONFIG.config, NEW_CONFIG.config);
     copy_file(STAGED_CONFIG.hash, NEW_CONFIG.hash);
@@ -63,6 +64,9 @@ int verify_upgrade_config(tessard &client, Json::Value &job) {
     }
     syslog(LOG_ALERT, "Config verification after FW upgrade successful");
     return 0;
+} catch (...) {
+    syslog(LOG_NOTICE, "verify_upgrade_config: exception handler");
+    return -1;
 }
 
 void finalise_fw_install(const Json::Value &job, bool switch_partition) {

@@ -5,10 +5,11 @@
 #include "agent/tessard.h"
 
 // Writes params.cfg to the staged configuration and compares its hash with params.hashAtFwVer. 0; -1 with
-// the job's "status" "failed" and "msg" set. Throws Json::Exception on wrong types.
+// the job's "status" "failed" and "msg" set.
 int stage_upgrade_config(Json::Value &job);
 
-// Applies the staged configuration. 0; -1 when the job came out "failed", with "msg" set.
+// Applies the staged configuration. 0; -1 when the job came out "failed", with "msg" set. Never throws: an
+// exception counts as a configuration that does not work.
 int verify_upgrade_config(tessard &client, Json::Value &job);
 
 // Stores the job, deletes the staged files and the mark of the installation, then boots the other firmware
