@@ -94,5 +94,5 @@ class Stage:
         lines = self.router.log().splitlines()
         for line in lines[self.told:]:
             if any(re.search(pattern, line) for pattern in patterns):
-                self.says("log", line.split(" router ", 1)[-1])
+                self.says("log", re.sub(r"mosquitto\[.*?\d+: ", "mosquitto: ", line.split(" router ", 1)[-1]))
         self.told = len(lines)

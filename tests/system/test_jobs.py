@@ -1,5 +1,6 @@
 """Command jobs, from the broker to the archive."""
 import json
+import time
 
 import pytest
 from bed import ACTIVE, PATIENCE
@@ -170,6 +171,8 @@ def run_for_long(router, cloud, job):
     cloud.send_script(job, "sleep 1000")
     router.wait_until(lambda: router.text(f"/var/volatile/orv/{job}.pid"), PATIENCE, "the script to start")
     router.wait_for_log(f"{ACTIVE}/{job} set ACK: true for job status:executed")
+    written = int(router.live(f"{ACTIVE}/{job}").stat().st_mtime)
+    router.wait_until(lambda: time.time() >= written + 1, PATIENCE, "`ls` to tell a younger file from it")
 
 
 def test_clear_all_fails_every_job_and_ends_the_script(router, cloud):
