@@ -205,10 +205,10 @@ class Router:
         return [*self.nsenter(), "/usr/bin/env", "-i", f"PATH={path}", "HOME=/root",
                 f"TERM={os.environ.get('TERM', 'dumb')}", *command]
 
-    def run(self, command, check=True, timeout=30):
+    def run(self, command, check=True, timeout=30, stdin=""):
         """A shell command inside; returns what it printed."""
         done = subprocess.run(self.inside("/bin/sh", "-c", command), capture_output=True, text=True,
-                              timeout=timeout, check=False)
+                              timeout=timeout, check=False, input=stdin)
         if check and done.returncode != 0:
             raise RouterError(f"{command!r} inside: status {done.returncode}: {done.stderr}")
         return done.stdout

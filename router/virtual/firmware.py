@@ -41,6 +41,7 @@ FAULTS = {
     "archive": "its root file system does not unpack",
     "install": "its install script fails",
     "empty": "no image at all",
+    "empty-root": "its root file system holds next to nothing",
 }
 SIGNED_BY = {"manifest.json": "manifest", "rootfs.tar": "rootfs", "kernel": "kernel", "install.sh": "install",
              "apps.tar": "apps", "python3.tar": "python3"}
