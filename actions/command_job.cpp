@@ -3,21 +3,17 @@
 #include "actions/device_commands.h"
 #include "actions/results_upload.h"
 #include "actions/script_file.h"
-#include "agent/topics.h"
 #include "jobs/job_record.h"
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"
 #include "jobs/markers.h"
 #include "platform/vantrel.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
 #include <syslog.h>
 #include <unistd.h>
-
-int cmd_message_id = 1000;
 
 namespace {
 
@@ -164,13 +160,6 @@ int run_critical_script(Json::Value &job) {
     return rc;
 }
 
-struct critical_job_mark {
-    critical_job_mark() { set_critical_job_executing(true); }
-    ~critical_job_mark() { set_critical_job_executing(false); }
-    critical_job_mark(const critical_job_mark &) = delete;
-    critical_job_mark &operator=(const critical_job_mark &) = delete;
-};
-
 } // namespace
 
 void execute_action_cmd(Json::Value &job) try { run_cmd(job); } catch (...) {
@@ -200,7 +189,7 @@ void set_max_job_time(const Json::Value &job) {
 }
 
 int execute_critical_cmd_job(Json::Value &job) {
-    const critical_job_mark mark;
+    const busy_mark mark(set_critical_job_executing);
     return run_critical_script(job);
 }
 

@@ -5,16 +5,13 @@
 
 #include <json/json.h>
 
-// Message-id slot of the file transfer requests: passed by address, never incremented; starts at 1000.
-extern int cmd_message_id;
-
 // A job with action "CMD": runs a script, or publishes a file push or pull request. Marks the job as the one
 // in progress for the time. Sets "status" and "msg" and reports them. Never throws but from what it does
 // after a failure (a full memory).
 void execute_action_cmd(Json::Value &job);
 
 // A script job: reported "executed", run under its time limit, its output uploaded if asked for, reported
-// "success" or "failed". May reboot the device. When the script file cannot be written, the job stays
+// "success" or "failed". May reboot the device. When the script file cannot be opened, the job stays
 // "executed" and nothing more is reported.
 void execute_action_cli_script(Json::Value &job);
 
@@ -23,7 +20,7 @@ void execute_action_cli_script(Json::Value &job);
 void set_max_job_time(const Json::Value &job);
 
 // A critical script job, run at once on the MQTT thread inside the intake, without time limit and upload.
-// Publishes each status directly, through iot_client. 0; -1 when the script could not be written; else the
+// Publishes each status directly, through iot_client. 0; -1 when the script file could not be opened; else the
 // shell's status. Throws what the record's wrong types make jsoncpp throw; flag and marker are cleared.
 int execute_critical_cmd_job(Json::Value &job);
 

@@ -1,7 +1,5 @@
 #include "actions/device_commands.h"
 
-#include "actions/command_job.h"
-#include "agent/topics.h"
 #include "jobs/job_record.h"
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"
@@ -11,6 +9,8 @@
 #include <ctime>
 
 #include <syslog.h>
+
+int cmd_message_id = 1000;
 
 namespace {
 

@@ -6,6 +6,13 @@
 
 #include <string>
 
+inline constexpr char CFGPUSH_TOPIC[] = "v1/device/cmd/cfgpush/apply";
+inline constexpr char FILEPULL_TOPIC[] = "v1/device/cmd/filepull/apply";
+inline constexpr char FILEPUSH_TOPIC[] = "v1/device/cmd/filepush/apply";
+
+// Message-id slot of the file transfer requests: passed by address, never incremented; starts at 1000.
+extern int cmd_message_id;
+
 // A job with action "POST_CONFIG": reports it "executed" and asks the configuration service to push "value".
 void execute_action_cfgpush(Json::Value &job);
 

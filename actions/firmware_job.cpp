@@ -51,20 +51,6 @@ bool device_takes_upgrades() {
     return type == 1 || type == 2 || type == 5;
 }
 
-// What is no object, or no truth value, is not true.
-bool is_true(const Json::Value &object, const char *key) {
-    if (!object.isObject())
-        return false;
-    const Json::Value value = object.get(key, false);
-    return value.isConvertibleTo(Json::booleanValue) && value.asBool();
-}
-
-// Empty when the record has no such text.
-std::string text_of(const Json::Value &job, const char *key) {
-    const Json::Value value = job.get(key, "");
-    return value.isConvertibleTo(Json::stringValue) ? value.asString() : "";
-}
-
 void store_sysdb_text(Json::Value &job, const char *record_key, const char *sysdb_key) {
     char text[SYSDB_TEXT_SIZE] = "";
     if (sysdb_read_str(0, sysdb_key, text, SYSDB_TEXT_SIZE - 1) == 0)

@@ -26,6 +26,12 @@ std::string endpoint(const char *scheme, const std::string &host, int port, int 
     return url;
 }
 
+// Settings of other types count as unreadable: they must not fail a script that did its work.
+bool are_cloud_settings(const Json::Value &iot) {
+    return iot.isObject() && iot.get("port", 0).isConvertibleTo(Json::intValue) &&
+           iot.get("protocol", "").isConvertibleTo(Json::stringValue);
+}
+
 struct free_handle {
     void operator()(CURL *handle) const { curl_easy_cleanup(handle); }
     void operator()(curl_mime *form) const { curl_mime_free(form); }
@@ -48,7 +54,7 @@ owned<curl_mime> results_form(CURL *handle, const char *file_path) {
 } // namespace
 
 void post_job_results(Json::Value &job, const std::string &output_path) {
-    const Json::Value &params = job[KEY_PARAMS];
+    const Json::Value params = job.get(KEY_PARAMS, Json::Value());
     if (!params.isMember(PARAM_POST_RESULTS) || !params[PARAM_POST_RESULTS].asBool())
         return;
     std::string url;
@@ -66,7 +72,7 @@ int get_results_base_url(std::string &url) {
         return -1;
     }
     Json::Value iot;
-    if (cmd_get_value_json("iot.vantrel_iot", iot) != 0)
+    if (cmd_get_value_json("iot.vantrel_iot", iot) != 0 || !are_cloud_settings(iot))
         return -1;
     const std::string host = get_iot_url_sim1_or_sim2_from_config(iot);
     const int port = iot["port"].asInt();

@@ -87,8 +87,9 @@ void clear_job_cli_script(const Json::Value &job) {
         }
         delete_file(pid_path.c_str());
     }
-    if (job.isMember(KEY_SCRIPT_FILE))
-        delete_file(job[KEY_SCRIPT_FILE].asString().c_str());
+    const std::string script_path = text_of(job, KEY_SCRIPT_FILE); // the cloud may have sent any type
+    if (!script_path.empty())
+        delete_file(script_path.c_str());
 }
 
 bool write_payload_command(FILE *file, const std::string &command) {

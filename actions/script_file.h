@@ -8,7 +8,8 @@
 
 // Writes the job's script, behind a preamble that redirects its output, stops it at its first failing
 // command and records its process id. Stores the script's path in the record, and the record, before the
-// script is written. 0; -1 with the reason in error. Throws Json::Exception on wrong types.
+// script is written. A script that does not fit on the file system is not noticed: it is cut, or empty.
+// 0; -1 with the reason in error when the file cannot be opened. Throws Json::Exception on wrong types.
 int generate_cli_script(Json::Value &job, std::string &script_path, std::string &output_path,
                         std::string &error);
 

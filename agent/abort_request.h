@@ -1,7 +1,7 @@
 // The request to abort a running configuration apply.
 //
-// request_abort runs on the main thread inside the message hook; the checks run on the job manager
-// thread. They share client.abort_request_time, which is not kept across restarts.
+// request_abort runs on the main thread inside the message hook; the checks run on the thread of the
+// apply, normally the job manager's. They share client.abort_request_time, which is not kept across restarts.
 #pragma once
 
 #include "agent/tessard.h"

@@ -43,12 +43,6 @@ void refuse_ack(Json::Value &job, const std::string &job_id) {
     archive_job_file(job);
 }
 
-// A "radio" that is no truth value must not keep the flag of the firmware job set.
-bool is_for_the_modem(const Json::Value &job) {
-    const Json::Value radio = job.get(KEY_RADIO, false);
-    return radio.isConvertibleTo(Json::booleanValue) && radio.asBool();
-}
-
 // The end of a job whose work another service does. False when this job takes no updates.
 bool take_update(Json::Value &job, const Json::Value &update) {
     const auto set_success_on_0 = [&](int rc) {
@@ -57,7 +51,7 @@ bool take_update(Json::Value &job, const Json::Value &update) {
     };
     if (job.isMember(KEY_ACTION) && job[KEY_ACTION].asString() == ACTION_FW_PUT_LOWER) {
         const int rc = update["rc"].asInt();
-        if (is_for_the_modem(job)) {
+        if (is_true(job, KEY_RADIO)) {
             set_success_on_0(rc);
             set_radiofw_job_executing(false);
             return true;

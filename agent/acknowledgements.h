@@ -12,9 +12,10 @@
 void job_pub_ack(tessard &client, const mosquitto_message *message);
 
 // v1/device/cmd/<name>/ack: the answer to a device command; ends the job as "success" or "failed".
-// Throws Json::Exception when "session" is no number.
+// Throws Json::Exception when "session" is no number, and on a payload or record of other wrong types.
 void cmd_ack(tessard &client, const mosquitto_message *message);
 
-// v1/device/job/<id>/update: the end of a firmware or getConfig job (rc 0: success). On a topic with
+// v1/device/job/<id>/update: the end of a firmware or getConfig job (rc 0: success). The end of a firmware
+// job clears its busy flag whatever rc is. On a topic with
 // "/all/" and "connected" true, runs a pass of the job manager at once, on this thread. Never throws.
 void job_update(tessard &client, const mosquitto_message *message);

@@ -103,7 +103,7 @@ void process_attribute(tessard &client, const Json::Value &attributes) try {
 }
 
 bool config_acl_level_is(tessard &, const char *path, int level) {
-    metaConfig meta(false, "/var/volatile/config/config.running", nullptr);
+    metaConfig meta(false, RUNNING_CONFIG.config, nullptr);
     int found = 0;
     if (meta.getAccessLevel(path, found) != 0)
         return false;

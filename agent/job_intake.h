@@ -11,7 +11,7 @@
 // v1/device/job/<id>/apply: a job, or one of the reserved ids "CLEAR_ACTIVE_JOBS" and
 // "CLEAR_RUNNING_JOB", whose payload is not read. The id of the topic (at most 63 characters) serves the
 // reserved ids and the log; the job file is named by the payload's "jobId". Always 0. Throws
-// Json::Exception on a payload that is JSON but no object.
+// Json::Exception on a payload that is JSON but no object, or whose "jobId" is no text.
 int job_apply(tessard &client, const mosquitto_message *message);
 
 // Stamps a job as received and stores it, over a stored one of the same id. A job without a usable

@@ -22,7 +22,7 @@ public:
     void derived_on_message(const struct mosquitto_message *message) override;
 
     // Seconds since the epoch of the last request to abort a configuration apply; 0: none. Written on
-    // the main thread, read and cleared on the job manager thread.
+    // the main thread, read and cleared by the thread that runs the apply.
     std::atomic<int32_t> abort_request_time{0};
 
     // Nothing of the agent reads these three.

@@ -1,4 +1,4 @@
-// The MQTT topics of the agent.
+// The MQTT topics that the agent receives on. What it publishes on stands with who publishes.
 #pragma once
 
 // Subscribed on every connection, in this order, at QoS 0.
@@ -21,9 +21,3 @@ inline constexpr char ATTRIBUTES_TOPIC[] = "v1/devices/me/attributes";
 
 // Compared as a whole.
 inline constexpr char CONFIG_ABORT_TOPIC[] = "v1/device/cmd/config/abort/apply";
-
-// Published.
-inline constexpr char CHECKIN_TOPIC[] = "v1/device/cmd/checkin/apply";
-inline constexpr char CFGPUSH_TOPIC[] = "v1/device/cmd/cfgpush/apply";
-inline constexpr char FILEPULL_TOPIC[] = "v1/device/cmd/filepull/apply";
-inline constexpr char FILEPUSH_TOPIC[] = "v1/device/cmd/filepush/apply";

@@ -1,5 +1,6 @@
 // The configuration that comes with a firmware: staged and checked, applied under the new firmware, and
-// the end of the installation. Runs on the job manager thread with job_manager_mutex held.
+// the end of the installation. Runs inside a pass or a boot recovery; job_manager_mutex is held where a
+// job is being handled, and not when the installation of a lost or corrupt job is given up.
 #pragma once
 
 #include "agent/tessard.h"

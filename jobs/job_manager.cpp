@@ -149,22 +149,15 @@ void check_job_of_unverified_firmware(Json::Value &job) {
     finalise_fw_install(job, true);
 }
 
-struct fw_job_mark {
-    fw_job_mark() { set_fw_job_executing(true); }
-    ~fw_job_mark() { set_fw_job_executing(false); }
-    fw_job_mark(const fw_job_mark &) = delete;
-    fw_job_mark &operator=(const fw_job_mark &) = delete;
-};
-
 void verify_firmware(tessard &client, Json::Value &job) {
     syslog(LOG_ALERT, "start FW post install verification");
-    const fw_job_mark mark;
+    const busy_mark mark(set_fw_job_executing);
     check_fw_upgrade_result(client, job);
 }
 
 // A job that was under way when the agent last stopped, normally by a reboot that the job itself caused.
 void resume_executed_job(tessard &client, Json::Value &job, const std::string &job_id) {
-    if (job.get(KEY_FAIL_ON_REBOOT, false).asBool()) {
+    if (is_true(job, KEY_FAIL_ON_REBOOT)) {
         syslog(LOG_ALERT, "job: %s was interrupted by reboot, setting status to FAILED", job_id.c_str());
         job[KEY_STATUS] = STATUS_FAILED;
         update_job_status(job, 1);

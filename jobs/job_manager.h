@@ -12,7 +12,7 @@ void job_mgr_main(tessard &client);
 // One pass over the active jobs, oldest first: finishes and re-reports finished ones, fails corrupt ones,
 // starts or resumes at most one unfinished one. Nothing while a firmware, configuration or critical job
 // runs. Runs on either thread, takes job_manager_mutex for each job. 0; -1 when the job list cannot be
-// read. Never throws but std::system_error of a lock, which it logs.
+// read. Never throws.
 int process_jobs(tessard &client);
 
 // Archives an acknowledged finished job and checks in; re-reports one that is not acknowledged. 0 when the

@@ -4,6 +4,10 @@
 // seconds since the epoch. Keys that the cloud sends and nobody here names are kept as received.
 #pragma once
 
+#include <json/json.h>
+
+#include <string>
+
 // Every record.
 inline constexpr char KEY_JOB_ID[] = "jobId"; // text; equals the file name
 inline constexpr char KEY_STATUS[] = "status";
@@ -66,3 +70,11 @@ inline constexpr char ACTION_XTRA[] = "XTRA";
 inline constexpr char ID_FAILSAFE_CONFIG[] = "FAILSAFE_CONFIG";
 inline constexpr char ID_POST_CONFIG[] = "POST_CONFIG";
 inline constexpr char ID_LOCAL_FW_UPGRADE[] = "LOCAL_FW_UPGRADE";
+
+// Reading what a cloud may have sent in any shape. Neither creates a member, neither throws.
+
+// The member as text; empty when the record is no object, or has no such text.
+std::string text_of(const Json::Value &record, const char *key);
+
+// The member is there and reads true; what is no truth value is not true.
+bool is_true(const Json::Value &record, const char *key);

@@ -5,7 +5,6 @@
 #include "platform/cmd.h"
 #include "platform/vantrel.h"
 
-#include <cstring>
 #include <ctime>
 #include <string_view>
 

@@ -18,7 +18,7 @@ inline constexpr int VAR_FILE_SIZE = 256; // bytes that read_var_file may fill
 
 // Lock order: job_manager_mutex before job_file_mutex. Neither is recursive.
 extern std::mutex job_manager_mutex; // held while one job is handled in a pass
-extern std::mutex job_file_mutex;    // held around the write of a job file, nothing else
+extern std::mutex job_file_mutex;    // held around the write of a job file, or of a job's candidate
 
 std::string active_job_path(const std::string &job_id);
 

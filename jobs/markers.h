@@ -1,6 +1,6 @@
 // The busy flags, and the marker files by which the device's services see what the agent does.
 //
-// A flag is a process-wide byte that one thread writes and the other reads without a lock; its marker
+// A flag is a process-wide byte that both threads read and write without a lock; its marker
 // file holds "1". The flag is always changed before the file. Flags start at 0: markers that an earlier run
 // left are not read back.
 #pragma once
@@ -23,6 +23,18 @@ void set_fw_job_executing(int on);
 void set_config_job_executing(int on);
 void set_radiofw_job_executing(int on);
 void set_critical_job_executing(int on);
+
+// Sets a flag and its marker for the life of this object: busy_mark mark(set_fw_job_executing).
+class busy_mark {
+public:
+    explicit busy_mark(void (*set_executing)(int)) : set(set_executing) { set(1); }
+    ~busy_mark() { set(0); }
+    busy_mark(const busy_mark &) = delete;
+    busy_mark &operator=(const busy_mark &) = delete;
+
+private:
+    void (*set)(int);
+};
 
 bool is_fw_job_executing();
 bool is_config_job_executing();

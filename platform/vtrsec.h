@@ -3,7 +3,7 @@
 #pragma once
 
 // The device's access token for the cloud, zero-terminated within size bytes. Never logged by the
-// library, and never to be logged by a caller either.
+// library; a URL that a caller builds with it is as secret as the token.
 int get_device_token(int size, char *buffer);
 
 // Rewrites the sensitive fields of the configuration file at path in their stored form. Idempotent

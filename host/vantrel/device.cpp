@@ -29,9 +29,13 @@ char running_slot() {
 
 [[noreturn]] void reboot_blocking() {
     for (;;) {
-        const int status = run_program({"/sbin/reboot", "-f"});
-        if (status != 0)
-            syslog(LOG_CRIT, "/sbin/reboot -f failed: %d", status);
+        try {
+            const int status = run_program({"/sbin/reboot", "-f"});
+            if (status != 0)
+                syslog(LOG_CRIT, "/sbin/reboot -f failed: %d", status);
+        } catch (...) {
+            syslog(LOG_CRIT, "/sbin/reboot -f could not be run"); // out of memory: tried again below
+        }
         sleep(REBOOT_RETRY_SECONDS);
     }
 }

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 extern "C" { // glibc 2.36 forgets to say so itself
@@ -70,8 +71,10 @@ void make_sure_children_can_be_waited_for() {
 // True when the child ended within the limit.
 bool ends_within(pid_t child, std::chrono::milliseconds limit) {
     const int fd = pidfd_open(child, 0);
-    if (fd < 0)
+    if (fd < 0) {
+        syslog(LOG_ERR, "a child cannot be waited for, and is ended: %m");
         return false;
+    }
     using clock = std::chrono::steady_clock;
     const clock::time_point deadline = clock::now() + limit;
     pollfd event{fd, POLLIN, 0};

@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -12,7 +13,9 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char *format, 
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    if (length < 0)
+        throw std::runtime_error("no such format");
+    std::string text(static_cast<size_t>(length), '\0');
     std::vsnprintf(text.data(), text.size() + 1, format, arguments);
     return text;
 }

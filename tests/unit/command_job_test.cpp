@@ -3,6 +3,7 @@
 #include "tests/unit/command_job_fixture.h"
 
 #include "actions/command_job.h"
+#include "actions/device_commands.h"
 
 using testing::Contains;
 using testing::ElementsAre;

@@ -256,15 +256,26 @@ TEST_F(ManagerThreadAfterALocalUpgrade, StillFinishesAnInterruptedApply) {
     EXPECT_THAT(neighbours::called, ElementsAre("cmd_apply 9"));
 }
 
+TEST_F(ManagerThreadAfterALocalUpgrade, GoesBackWhenTheVerificationThrows) {
+    given_staged_config();
+    neighbours::inside = [](Json::Value &) { throw 1; };
+    run(0);
+
+    expect_marks_deleted();
+    EXPECT_THAT(log_lines(), Contains(Notice("verify_upgrade_config: exception handler")).Times(1));
+    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+}
+
 TEST_F(ManagerThreadAfterALocalUpgrade, DeletesBothMarksAndGoesOnWhenTheRecoveryThrows) {
     given_staged_config();
     given_job_to_start();
-    neighbours::inside = [](Json::Value &job) {
-        if (job[KEY_JOB_ID] == "LOCAL_FW_UPGRADE")
+    fakes::before_change = [](const fakes::call &change) {
+        if (change.function == "request_reboot_blocking")
             throw 1;
     };
     run(2);
 
+    fakes::before_change = nullptr;
     expect_marks_deleted();
     EXPECT_THAT(log_lines(), Contains(Notice("job_mgr_main: exception handler")).Times(1));
     EXPECT_THAT(log_lines(), Contains(nothing_to_recover()));

@@ -1,0 +1,15 @@
+#include "jobs/job_record.h"
+
+std::string text_of(const Json::Value &record, const char *key) {
+    if (!record.isObject())
+        return "";
+    const Json::Value value = record.get(key, "");
+    return value.isConvertibleTo(Json::stringValue) ? value.asString() : "";
+}
+
+bool is_true(const Json::Value &record, const char *key) {
+    if (!record.isObject())
+        return false;
+    const Json::Value value = record.get(key, false);
+    return value.isConvertibleTo(Json::booleanValue) && value.asBool();
+}
