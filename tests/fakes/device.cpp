@@ -52,6 +52,8 @@ void reboot(const char *function, fakes::reboot_mode mode) {
         const auto held = fakes::hold();
         rebooted.emplace_back(function);
     }
+    if (state_now.on_reboot)
+        state_now.on_reboot(function);
     if (mode == fakes::reboot_mode::THROWS)
         throw fake_reboot{function};
     if (mode == fakes::reboot_mode::EXITS)

@@ -40,6 +40,9 @@ struct device_state {
     // switch_firmware_partition; with RETURNS it gives 0.
     reboot_mode partition_switch = reboot_mode::RETURNS;
 
+    // Called first in each of the three, with its name.
+    std::function<void(const std::string &function)> on_reboot;
+
     // Looked at before anything else; true when it has taken the call, with the status set.
     std::function<bool(const std::string &command, int &status)> run_command;
 };

@@ -43,6 +43,8 @@ __attribute__((format(printf, 2, 0))) void keep(int priority, const char *format
     const auto held = fakes::hold();
     lines.push_back({priority, text});
     fakes::record(fakes::call_kind::LOG, "syslog", text);
+    if (fakes::on_log)
+        fakes::on_log(text);
 }
 
 } // namespace
@@ -61,7 +63,10 @@ std::vector<opened_log> opened_logs() {
     return opened;
 }
 
+std::function<void(const std::string &)> fakes::on_log;
+
 void fakes::reset_log() {
+    on_log = nullptr;
     const auto held = hold();
     lines.clear();
     opened.clear();

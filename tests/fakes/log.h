@@ -1,6 +1,7 @@
 // syslog and openlog of the test program: recorded, priorities and all.
 #pragma once
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -27,6 +28,9 @@ struct opened_log {
 std::vector<opened_log> opened_logs();
 
 namespace fakes {
+
+// Called with each line, when set.
+extern std::function<void(const std::string &text)> on_log;
 
 void reset_log();
 
