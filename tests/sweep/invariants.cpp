@@ -1,0 +1,251 @@
+#include "tests/sweep/invariants.h"
+
+#include "tests/fakes/files.h"
+
+#include <algorithm>
+#include <set>
+#include <stdexcept>
+
+namespace sweep {
+
+namespace {
+
+using breakages = std::vector<std::string>;
+
+const std::string ACTIVE = ACTIVE_FOLDER;
+const std::string ARCHIVE = ARCHIVE_FOLDER;
+
+Json::Value json_or_null(const std::string &text) {
+    try {
+        return json(text);
+    } catch (const std::runtime_error &) {
+        return {};
+    }
+}
+
+bool is_final(const std::string &status) {
+    return status == "success" || status == "failed";
+}
+
+// --- Reading the ledger.
+
+struct report {
+    std::string job_id;
+    std::string status;
+    long long session = 0;
+};
+
+std::vector<report> reports_of(const evidence &seen) {
+    std::vector<report> all;
+    for (const entry &each : seen.ledger) {
+        const size_t blank = each.text.find(' ');
+        if (each.kind != entry_kind::CHANGE || each.what != "send_message" ||
+            each.text.rfind("v1/device/job/", 0) != 0)
+            continue;
+        const Json::Value message = json(each.text.substr(blank + 1));
+        all.push_back({message["params"]["jobId"].asString(), message["params"]["status"].asString(),
+                       message["session"].asInt64()});
+    }
+    return all;
+}
+
+std::set<std::string> stored_jobs(const evidence &seen) {
+    std::set<std::string> ids;
+    for (const entry &each : seen.ledger)
+        if (each.kind == entry_kind::STORED)
+            ids.insert(each.what);
+    return ids;
+}
+
+bool was_cut(const evidence &seen) {
+    return std::any_of(seen.ledger.begin(), seen.ledger.end(),
+                       [](const entry &each) { return each.kind == entry_kind::END && each.what == "cut"; });
+}
+
+bool is_message_with(const entry &each, const std::string &part) {
+    return each.kind == entry_kind::INPUT && each.text.find(part) != std::string::npos;
+}
+
+bool was_cleared(const evidence &seen) {
+    return std::any_of(seen.ledger.begin(), seen.ledger.end(), [](const entry &each) {
+        return is_message_with(each, "/CLEAR_ACTIVE_JOBS/") || is_message_with(each, "/CLEAR_RUNNING_JOB/");
+    });
+}
+
+bool was_acknowledged(const evidence &seen, const std::string &job_id, long long session) {
+    const std::string text = "\"jobId\":\"" + job_id + "\",\"session\":" + std::to_string(session);
+    return std::any_of(seen.ledger.begin(), seen.ledger.end(), [&](const entry &each) {
+        return is_message_with(each, text) && is_message_with(each, "\"rc\":200");
+    });
+}
+
+long intakes_of(const evidence &seen, const std::string &job_id) {
+    return std::count_if(seen.ledger.begin(), seen.ledger.end(), [&](const entry &each) {
+        return is_message_with(each, "v1/device/job/" + job_id + "/apply");
+    });
+}
+
+long scripts_of(const evidence &seen, const std::string &job_id, const std::string &event) {
+    return std::count_if(seen.ledger.begin(), seen.ledger.end(), [&](const entry &each) {
+        return each.kind == entry_kind::SCRIPT && each.what == job_id && each.text == event;
+    });
+}
+
+std::set<std::string> jobs_with_scripts(const evidence &seen) {
+    std::set<std::string> ids;
+    for (const entry &each : seen.ledger)
+        if (each.kind == entry_kind::SCRIPT)
+            ids.insert(each.what);
+    return ids;
+}
+
+// --- The invariants.
+
+bool world_put(const evidence &seen, const std::string &path) {
+    return std::any_of(seen.ledger.begin(), seen.ledger.end(), [&](const entry &each) {
+        return each.kind == entry_kind::INPUT && each.text == "file " + path;
+    });
+}
+
+// What a scenario puts into the folder may be broken until the agent has come to rest.
+breakages job_files_are_whole(const evidence &seen) {
+    breakages broken;
+    for (const std::string &folder : {ACTIVE, ARCHIVE}) {
+        for (const std::string &name : names_in(folder)) {
+            const Json::Value job = file_json(folder + name);
+            const bool whole = job.isObject() && job["jobId"] == name;
+            if (!whole && !(seen.at_cut && world_put(seen, folder + name)))
+                broken.push_back(folder + name + " holds: " + file_text(folder + name).substr(0, 80));
+        }
+    }
+    return broken;
+}
+
+// A message that is being handled when the process ends is gone with it.
+breakages arrived_jobs_are_stored(const evidence &seen) {
+    breakages broken;
+    const auto stored = stored_jobs(seen);
+    for (const entry &each : seen.ledger) {
+        const size_t blank = each.text.find(' ');
+        if (was_cut(seen) || each.kind != entry_kind::INPUT || blank == std::string::npos ||
+            each.text.find("/apply ") == std::string::npos)
+            continue;
+        const Json::Value job = json_or_null(each.text.substr(blank + 1));
+        if (job.isMember("action") && stored.count(job["jobId"].asString()) == 0)
+            broken.push_back("job " + job["jobId"].asString() + " arrived and was not stored");
+    }
+    return broken;
+}
+
+breakages stored_jobs_are_archived(const evidence &seen) {
+    breakages broken;
+    for (const std::string &id : stored_jobs(seen)) {
+        const bool active = exists(ACTIVE + id);
+        const bool archived = exists(ARCHIVE + id);
+        if (active)
+            broken.push_back("job " + id + " is still active: " + active_job(id)["status"].asString() +
+                             (archived ? ", and archived" : ""));
+        else if (!archived && !was_cleared(seen))
+            broken.push_back("job " + id + " is lost");
+    }
+    return broken;
+}
+
+breakages scripts_start_once(const evidence &seen) {
+    breakages broken;
+    for (const std::string &id : jobs_with_scripts(seen)) {
+        const long started = scripts_of(seen, id, "started");
+        if (started > intakes_of(seen, id))
+            broken.push_back("job " + id + " started its script " + std::to_string(started) + " times");
+    }
+    return broken;
+}
+
+breakages cut_scripts_fail(const evidence &seen) {
+    breakages broken;
+    for (const std::string &id : jobs_with_scripts(seen)) {
+        const bool cut =
+            scripts_of(seen, id, "started") > scripts_of(seen, id, "ended") + scripts_of(seen, id, "killed");
+        if (cut && archived_job(id)["status"] == "success")
+            broken.push_back("job " + id + " was cut in its script and is a success");
+    }
+    return broken;
+}
+
+breakages sessions_are_unique(const evidence &seen) {
+    breakages broken;
+    std::map<std::pair<std::string, long long>, std::string> status_of;
+    for (const report &each : reports_of(seen)) {
+        const auto known = status_of.emplace(std::pair(each.job_id, each.session), each.status);
+        if (known.first->second != each.status)
+            broken.push_back("job " + each.job_id + ": one session for " + known.first->second + " and " +
+                             each.status);
+    }
+    return broken;
+}
+
+breakages final_statuses_stay(const evidence &seen) {
+    breakages broken;
+    std::map<std::string, std::string> final_of;
+    for (const entry &each : seen.ledger) {
+        if (is_message_with(each, "v1/device/job/"))
+            if (each.text.find("/apply ") != std::string::npos)
+                final_of.clear(); // a new intake of the same id begins anew
+        if (each.kind != entry_kind::STORED)
+            continue;
+        const std::string status = json(each.text)["status"].asString();
+        const auto known = final_of.find(each.what);
+        if (known != final_of.end() && known->second != status)
+            broken.push_back("job " + each.what + " was " + known->second + " and became " + status);
+        if (is_final(status))
+            final_of[each.what] = status;
+    }
+    return broken;
+}
+
+breakages archived_jobs_were_reported(const evidence &seen) {
+    breakages broken;
+    const auto reports = reports_of(seen);
+    for (const std::string &id : archived_jobs()) {
+        const Json::Value job = archived_job(id);
+        const std::string status = job["status"].asString();
+        const bool reported = std::any_of(reports.begin(), reports.end(), [&](const report &each) {
+            return each.job_id == id && each.status == status && was_acknowledged(seen, id, each.session);
+        });
+        if (!reported)
+            broken.push_back("job " + id + " is archived as " + status +
+                             ", of which no report was acknowledged");
+    }
+    return broken;
+}
+
+breakages no_marker_is_left(const evidence &) {
+    breakages broken;
+    for (const std::string name : {"FW_JOBID", "FW_JOB_EXECUTING", "CONFIG_JOB_EXECUTING",
+                                   "RADIOFW_JOB_EXECUTING", "CRITICAL_JOB_EXECUTING"})
+        if (exists("/var/volatile/orv/" + name))
+            broken.push_back(name + " is left");
+    for (const char *path : {"/var/run/ACTIVE_JOB", "/var/data/orv/ACTIVE_JOB"})
+        if (exists(path))
+            broken.push_back(std::string(path) + " is left");
+    return broken;
+}
+
+} // namespace
+
+const std::vector<invariant> &invariants() {
+    static const std::vector<invariant> ALL = {
+        {"every job file parses and bears its own jobId", true, job_files_are_whole},
+        {"a job that arrives is stored", false, arrived_jobs_are_stored},
+        {"a stored job is archived, or cleared", false, stored_jobs_are_archived},
+        {"one intake starts its script at most once", false, scripts_start_once},
+        {"a script that was cut means failed", false, cut_scripts_fail},
+        {"a session names one status of one job", false, sessions_are_unique},
+        {"a final status does not change", false, final_statuses_stay},
+        {"archived means reported and acknowledged", false, archived_jobs_were_reported},
+        {"when nothing runs, no marker is left", false, no_marker_is_left},
+    };
+    return ALL;
+}
+
+} // namespace sweep

@@ -1,0 +1,49 @@
+// What happened in one run, over all its lives: every change the agent made, every input it got. Lies in
+// memory that the processes of the sweep share, so that it outlives a life that is cut.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace sweep {
+
+enum class entry_kind {
+    CHANGE, // the agent changes something: the platform function and its arguments, logged before it is done
+    STORED, // a job record now stands in the active job directory: its id and its JSON
+    SCRIPT, // a script "started", "ended" or was "killed": the job id first
+    INPUT,  // the world acts: the input's or answer's key, and its text
+    BOOT,   // a life begins
+    END,    // a life ends, and how
+    LOG,    // a line of the agent's log
+    SYNCED, // a file with this content (its hash) has reached the flash
+};
+
+struct entry {
+    entry_kind kind;
+    time_t at;
+    std::string what;
+    std::string text;
+};
+
+void open_ledger();  // once, before the first fork
+void clear_ledger(); // at the start of a run
+
+void write_ledger(entry_kind kind, const std::string &what, const std::string &text = "");
+std::vector<entry> read_ledger();
+
+// One line for people.
+std::string line_of(const entry &entry);
+
+// Keeps what stands in it now, and goes back to that; as often as needed.
+void save_ledger();
+void restore_ledger();
+
+// The number of CHANGE entries.
+long changes_so_far();
+
+// The virtual time at which the run stands, kept over the lives.
+void keep_time(time_t now);
+time_t kept_time();
+
+} // namespace sweep

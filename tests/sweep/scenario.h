@@ -1,0 +1,89 @@
+// What the sweep runs: inputs over time, and how the cloud answers.
+#pragma once
+
+#include "tests/fakes/mqtt.h"
+#include "tests/sweep/crash.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace sweep {
+
+// Something that the world does at a time (seconds after the device's first boot). With a topic: a
+// message of the cloud, which comes when the agent is connected; else `act`.
+struct input {
+    time_t at;
+    std::string text; // for people; the payload of a message
+    std::string topic;
+    std::function<void()> act;
+};
+
+// --- Inputs, as the tables of scenarios write them.
+
+input message(time_t at, const std::string &topic, const std::string &payload);
+
+// A script job. The body's lines may be: true, exit N, sleep N, echo TEXT, reboot, # comment.
+input script_job(time_t at, const std::string &job_id, const std::string &body,
+                 const std::string &more_params = "");
+input clear_active_jobs(time_t at);
+input clear_running_job(time_t at);
+input file(time_t at, const std::string &path, const std::string &text);
+input disk_full(time_t at);
+input disk_free(time_t at);
+input network_down(time_t at);
+input network_up(time_t at);
+
+// One answer of the cloud to a status report.
+struct answer {
+    time_t after; // seconds
+    int rc;
+};
+
+// How the cloud answers the nth report (from 0) of a run.
+using cloud_manner = std::function<std::vector<answer>(int nth, const Json::Value &report)>;
+
+cloud_manner acknowledges_at_once();
+cloud_manner acknowledges_after(time_t seconds);
+cloud_manner acknowledges_twice();
+cloud_manner refuses_first(int reports);
+cloud_manner stays_silent();
+
+struct scenario {
+    std::string name;
+    std::vector<input> inputs;
+    cloud_manner cloud = acknowledges_at_once();
+
+    // A device that writes job files in place: what the sweep must find.
+    bool writes_in_place = false;
+
+    // The restarts to try before every change.
+    std::vector<restart> restarts = {restart::KILL, restart::REBOOT, restart::POWER_CUT, restart::TORN,
+                                     restart::STALL};
+
+    // Not zero: changes go on for ever (a report that is repeated), and a life is looked at after so
+    // many seconds.
+    time_t restless_for = 0;
+};
+
+// What breaks by design, with the reason.
+struct known_exception {
+    std::string scenario;  // a part of its name
+    std::string invariant; // its name
+    std::string part;      // of the text of the breakage
+    std::string reason;
+    std::vector<restart> restarts = {}; // empty: any, and the run without a cut
+};
+
+struct scenario_group {
+    std::string name;
+    std::vector<scenario> scenarios;
+    std::vector<known_exception> exceptions;
+};
+
+scenario_group script_scenarios();
+scenario_group acknowledgement_scenarios();
+scenario_group delivery_scenarios();
+scenario_group staller_scenarios();
+
+} // namespace sweep
