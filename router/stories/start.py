@@ -13,7 +13,8 @@ def begin(stage):
 def tell(stage):
     stage.narrator.title(
         "The start", "The router boots: its own broker, its own log, and the agent, which subscribes its topics.",
-        "Then the cloud sends a message that no handler wants: the agent logs its topic and drops it.")
+        "Then the cloud sends a message that no handler wants: the agent logs its topic and drops it. It reads one",
+        "packet a second, so the answers to its subscriptions come first.")
     begin(stage)
     stage.show_log("boot: ", "local0.*(Starting|starting)", "tessard 0 v1/")
     stage.says("cloud", "publishes on v1/device/iot/job/update")
