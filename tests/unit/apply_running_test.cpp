@@ -201,7 +201,7 @@ TEST_F(ApplyValid, WithoutFailsafeChangesAreAnnouncedAfterTheCommitAndBeforeTheO
 }
 
 TEST_F(ApplyValid, WithFailsafeTheReportBeforeTheCommitMayBeRepeatedAtTheEnd) {
-    set_time(START_TIME + 100'000'000); // no repeat interval reaches as far
+    let_repeats_be_due();
 
     apply(with_failsafe(R"({"enable":true})"));
 

@@ -76,6 +76,12 @@ void ConfigTest::given_changes(const std::string &changes_text) {
     fakes::config().change_list = json(changes_text);
 }
 
+void ConfigTest::let_repeats_be_due() {
+    static time_t later = START_TIME + 100'000'000;
+    later += 1000;
+    set_time(later);
+}
+
 void ConfigTest::before(const std::string &entry, std::function<void()> action) {
     fakes::before_change = [entry, action = std::move(action),
                             done = false](const fakes::call &next) mutable {

@@ -48,6 +48,9 @@ protected:
     // What get_config_change_list finds.
     static void given_changes(const std::string &changes_text);
 
+    // Moves the clock beyond every repeat interval that this process has begun, so that a report is repeated.
+    static void let_repeats_be_due();
+
     // Runs `action` once, just before the first journal entry that begins with this.
     static void before(const std::string &entry, std::function<void()> action);
 };

@@ -212,7 +212,7 @@ TEST_F(FirmwareCheck, WithoutAForcedStatusTheCheckReportsNothing) {
 }
 
 TEST_F(FirmwareCheck, AForcedStatusIsReportedAsItStandsBeforeASuccess) {
-    set_time(START_TIME + 100'000'000); // no repeat interval reaches as far
+    let_repeats_be_due();
     job["override_status"] = true;
 
     check();
