@@ -9,7 +9,7 @@
 // Throws Json::Exception when "jobId" is no text.
 void execute_action_fw_install(Json::Value &job);
 
-// Starts the modem's upgrade tool in the background; its result arrives as a job update. Never throws.
+// Starts the modem's upgrade tool in the background; the job stays "executed" and the modem's flag set. Never throws.
 void qtel_dfota(Json::Value &job);
 
 // Runs the upgrade tool. When it succeeds the device reboots into the new firmware and the job stays

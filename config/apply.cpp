@@ -27,11 +27,6 @@ void end_as(Json::Value &job, const char *status, const char *msg) {
     job[KEY_STATUS] = status;
 }
 
-void show_progress(Json::Value &job, const char *msg) {
-    job[KEY_MSG] = msg;
-    update_config_apply_status(msg);
-}
-
 void begin_apply(const Json::Value &job) {
     syslog(LOG_DEBUG, "executing config apply");
     set_config_job_executing(true);
@@ -163,11 +158,10 @@ void apply_candidate(tessard &client, Json::Value &job, bool after_fw_upgrade) {
 }
 
 void report_end(Json::Value &job) {
-    update_config_apply_status(job.get(KEY_MSG, "").asString().c_str());
-    const Json::Value validation_result = job.get(KEY_VALIDATION_RESULT, Json::Value());
-    if (validation_result.isString())
-        update_config_apply_status(validation_result.asString().c_str());
-    update_job_status(job, job.get(KEY_ACTION, "").asString() == ACTION_FW ? 0 : 1);
+    update_config_apply_status(text_of(job, KEY_MSG).c_str());
+    if (job.isObject() && job.isMember(KEY_VALIDATION_RESULT) && job[KEY_VALIDATION_RESULT].isString())
+        update_config_apply_status(job[KEY_VALIDATION_RESULT].asString().c_str());
+    update_job_status(job, post_status_of_apply(job));
 }
 
 void clear_marks(tessard &client) {
@@ -181,15 +175,6 @@ void clear_marks(tessard &client) {
     set_config_job_executing(false);
 }
 
-// Runs a step of the apply; what it throws must not keep the marks from being cleared.
-void guarded(auto step) {
-    try {
-        step();
-    } catch (...) {
-        syslog(LOG_NOTICE, "cmd_apply: exception handler");
-    }
-}
-
 } // namespace
 
 void cmd_apply(tessard &client, Json::Value &job, bool after_fw_upgrade) {
@@ -197,11 +182,16 @@ void cmd_apply(tessard &client, Json::Value &job, bool after_fw_upgrade) {
         syslog(LOG_NOTICE, "config apply is already in progress");
         return;
     }
-    guarded([&] {
+    // What a step throws fails the job, and keeps no mark from being cleared.
+    try {
         begin_apply(job);
         apply_candidate(client, job, after_fw_upgrade);
-    });
-    guarded([&] { report_end(job); });
+    } catch (...) {
+        syslog(LOG_NOTICE, "cmd_apply: exception handler");
+        if (job.isObject())
+            job[KEY_STATUS] = STATUS_FAILED;
+    }
+    report_end(job);
     clear_marks(client);
 }
 

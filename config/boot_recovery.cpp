@@ -52,9 +52,9 @@ void recover_config_job(tessard &client) {
     syslog(
         LOG_NOTICE,
         "Found remnant active config job and new config, so still need to finish config verification/cmd_apply");
+    const std::lock_guard lock(job_manager_mutex);
     Json::Value job;
     if (read_json_file(ACTIVE_JOB_COPY, job) != 0)
-        return; // nobody to report to: the candidate waits for the next job
-    const std::lock_guard lock(job_manager_mutex);
+        return; // nobody to report to; boot removes a candidate whose job cannot be read
     cmd_apply(client, job, false);
 }

@@ -1,4 +1,4 @@
-// Lets the device's services pick up a new running configuration. Runs on the job manager thread; results of
+// Lets the device's services pick up a new running configuration. Runs on the thread of the apply; results of
 // the commands are not examined.
 #pragma once
 

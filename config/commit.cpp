@@ -1,6 +1,7 @@
 #include "config/commit.h"
 
 #include "config/config_files.h"
+#include "jobs/job_record.h"
 #include "jobs/job_store.h"
 #include "platform/cmd.h"
 #include "platform/vantrel.h"
@@ -28,4 +29,13 @@ void delete_new_config_files() {
 void clear_failsafe_markers() {
     delete_file(FAILSAFE_TIMER_FILE);
     delete_file(CONFIG_MODIFIED_FILE);
+}
+
+void show_progress(Json::Value &job, const char *msg) {
+    job[KEY_MSG] = msg;
+    update_config_apply_status(msg);
+}
+
+int post_status_of_apply(const Json::Value &job) {
+    return text_of(job, KEY_ACTION) == ACTION_FW ? 0 : 1;
 }

@@ -1,5 +1,5 @@
-// Making a configuration permanent, announcing it, and clearing its candidates. Shared by the apply and
-// the failsafe verification; runs on the job manager thread.
+// Making a configuration permanent, announcing it, showing how far it is, and clearing its candidates. Shared
+// by the apply and the failsafe verification; runs on the thread of the apply.
 #pragma once
 
 #include "agent/tessard.h"
@@ -17,3 +17,9 @@ void delete_new_config_files();
 
 // Deletes the failsafe timer and the mark of an uncommitted change.
 void clear_failsafe_markers();
+
+// Sets the job's "msg", and shows it as the progress of the apply.
+void show_progress(Json::Value &job, const char *msg);
+
+// post_status for update_job_status: the configuration that came with a firmware is not reported by itself.
+int post_status_of_apply(const Json::Value &job);

@@ -39,11 +39,6 @@ struct verification {
     std::string destination;
 };
 
-void show_progress(Json::Value &job, const char *msg) {
-    job[KEY_MSG] = msg;
-    update_config_apply_status(msg);
-}
-
 std::string verification_destination(const Json::Value &settings) {
     std::string destination;
     config_get_string(settings, &destination, "destination_ip");
@@ -155,10 +150,6 @@ bool verify_until_deadline(tessard &client, const verification &test, bool cell_
     }
 }
 
-int reported_here(const Json::Value &job) {
-    return job.get(KEY_ACTION, "").asString() == ACTION_FW ? 0 : 1;
-}
-
 void restore_failsafe_config() {
     restore_failsafe_files_to_nv();
     restore_failsafe_files_to_running();
@@ -229,7 +220,7 @@ int write_failsafe_timer(time_t start_time, int period_minutes) {
 void failsafe_success(Json::Value &job) {
     syslog(LOG_NOTICE, "failsafe config: %s", job.get(KEY_MSG, "").asString().c_str());
     job[KEY_STATUS] = STATUS_SUCCESS;
-    update_job_status(job, reported_here(job));
+    update_job_status(job, post_status_of_apply(job));
     commit_running_config();
     record_failsafe_result(job, true);
     request_full_cfgpush();
@@ -240,7 +231,7 @@ void failsafe_success(Json::Value &job) {
 void failsafe_failure(Json::Value &job) {
     syslog(LOG_NOTICE, "failsafe config: %s", job.get(KEY_MSG, "").asString().c_str());
     job[KEY_STATUS] = STATUS_FAILED;
-    update_job_status(job, reported_here(job));
+    update_job_status(job, post_status_of_apply(job));
     if (job_id_of(job) != ID_FAILSAFE_CONFIG)
         syslog(LOG_ALERT, "job status failed after failsafe verification");
     record_failsafe_result(job, false);
@@ -253,12 +244,15 @@ void record_failsafe_result(const Json::Value &job, bool flush) {
         return;
     const std::string path = active_job_path(job[KEY_JOB_ID].asString());
     Json::Value stored;
-    if (read_json_file(path.c_str(), stored) != 0)
+    if (read_json_file(path.c_str(), stored) != 0 || !stored.isObject())
         return;
     stored[KEY_STATUS] = job[KEY_STATUS];
     if (stored.isMember(KEY_CFG_VERIFIED))
         stored[KEY_CFG_VERIFIED] = job[KEY_STATUS].asString() == STATUS_SUCCESS;
-    write_json_file(path.c_str(), stored);
+    {
+        const std::lock_guard lock(job_file_mutex);
+        write_json_file(path.c_str(), stored);
+    }
     if (flush)
         sync_to_fs(SYNC_PERSISTENT);
 }

@@ -228,14 +228,14 @@ TEST_F(ApplyEnd, WorksWithoutAClientToPublishThrough) {
 
 // --- exceptions
 
-TEST_F(ApplyEnd, RunsAfterAnException) {
+TEST_F(ApplyEnd, RunsAfterAnExceptionWhichFailsTheJob) {
     given_candidate(new_config());
     given_changes(R"(["no object"])");
 
     apply();
 
     EXPECT_THAT(log_lines(), Contains(Notice("cmd_apply: exception handler")));
-    EXPECT_THAT(log_lines(), Contains(Notice("update_job_status: 77 executed post_status: 1")));
+    EXPECT_THAT(log_lines(), Contains(Notice("update_job_status: 77 failed post_status: 1")));
     expect_nothing_left();
 }
 

@@ -76,13 +76,14 @@ TEST_F(LocalUpgrade, ItsJobIsMadeForIt) {
                                      "source":"local_fwupgrade", "status":"success"})"));
 }
 
-TEST_F(LocalUpgrade, ItsJobIsExecutedAtFirst) {
+TEST_F(LocalUpgrade, AnApplyThatThrowsGoesBack) {
     given_staged(new_config());
-    given_changes(R"(["no object"])"); // the apply ends before it sets a status
+    given_changes(R"(["no object"])");
 
     recover_local_fw_upgrade(client);
 
-    EXPECT_THAT(log_lines(), Contains(Notice("update_job_status: LOCAL_FW_UPGRADE executed post_status: 1")));
+    EXPECT_THAT(log_lines(), Contains(Notice("cmd_apply: exception handler")));
+    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
 }
 
 TEST_F(LocalUpgrade, AnyAbortRequestAbortsIt) {
