@@ -1,7 +1,7 @@
 """The router's configuration, as a test reads and changes it."""
-import copy
-import hashlib
 import json
+
+from cloud.jobs import changed, config_hash, config_job
 
 RUNNING = "/var/volatile/config/config.running"
 STORED = "/var/data/orv/config.json"
@@ -17,29 +17,8 @@ def write(router, document, path=RUNNING):
     router.live(path).write_text(json.dumps(document))
 
 
-def changed(document, **values):
-    """A copy with other values: a double underscore in a name stands for a dot. None takes a member out."""
-    result = copy.deepcopy(document)
-    for name, value in values.items():
-        *folders, last = name.split("__")
-        place = result
-        for folder in folders:
-            place = place[folder]
-        if value is None:
-            del place[last]
-        else:
-            place[last] = value
-    return result
-
-
 def change(router, path=RUNNING, **values):
     write(router, changed(read(router, path), **values), path)
-
-
-def hash_of(document):
-    """The hash that the cloud computes: of the sorted text without blanks."""
-    text = json.dumps(document, sort_keys=True, separators=(",", ":"), ensure_ascii=False)
-    return hashlib.sha256(text.encode()).hexdigest()
 
 
 APPLY_STATUS = "/var/volatile/config/apply.status"
@@ -48,9 +27,8 @@ LONG = 60
 
 
 def job(cfg, job_id="cfg", **params):
-    """A configuration job as the cloud sends it."""
-    return {"jobId": job_id, "action": "CFG", "value": cfg,
-            "params": {"configHash": hash_of(cfg), "configLevel": 0, "fwVer": "1.0.0", **params}}
+    """A configuration job as the cloud sends it, for the firmware that the tests boot."""
+    return config_job(job_id, cfg, **{"fwVer": "1.0.0", **params})
 
 
 def send(router, cloud, job_id="cfg", **values):
@@ -104,7 +82,7 @@ def in_force(router):
     if running != stored:
         return "running and persistent configuration differ"
     for path in (RUNNING, STORED, FAILSAFE):
-        if router.live(path).exists() and router.text(hash_path(path)).strip() != hash_of(read(router, path)):
+        if router.live(path).exists() and router.text(hash_path(path)).strip() != config_hash(read(router, path)):
             return f"{path} does not fit its hash"
     left = router.run("ls -d /var/data/orv/config.new /var/data/orv/ACTIVE_JOB /var/data/orv/FAILSAFE_TIMER "
                       "/var/volatile/config/config.new* /var/volatile/orv/CONFIG_JOB_EXECUTING "

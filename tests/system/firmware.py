@@ -1,12 +1,12 @@
 """Firmware jobs and images, as the tests need them."""
 import fcntl
 import os
-from pathlib import Path
 
 import configuration
 from bed import ARCHIVE
 from conftest import BUILD
 
+from cloud.jobs import firmware_job
 from router.virtual.firmware import build_image
 
 SERVER = "http://cloud.example:8000"
@@ -45,8 +45,7 @@ def wait_for_archived(router, job_id="fw", seconds=60):
 
 def job(files, path, cfg, job_id="fw", **params):
     """A firmware job for an image that the server has."""
-    return {"jobId": job_id, "action": "FW", "value": SERVER + files.serve_image(Path(path)),
-            "params": {"cfg": cfg, "hashAtFwVer": configuration.hash_of(cfg), **params}}
+    return firmware_job(job_id, SERVER + files.serve_image(path), cfg, **params)
 
 
 def running(router):

@@ -4,6 +4,8 @@ import firmware
 import pytest
 from bed import PATIENCE
 
+from cloud.jobs import firmware_job
+
 NO_IMAGE = "http://cloud.example:8000/firmware/nothing.img"
 
 
@@ -18,8 +20,7 @@ class Upgrades:
     def of_url(self, url):
         self.begun += 1
         job_id = f"fw{self.begun}"
-        self.cloud.send_job({"jobId": job_id, "action": "FW", "value": url,
-                             "params": {"cfg": self.cfg, "hashAtFwVer": configuration.hash_of(self.cfg)}})
+        self.cloud.send_job(firmware_job(job_id, url, self.cfg))
         report = self.cloud.wait_for_status(job_id, "failed", 2 * PATIENCE)
         self.check_nothing_changed()
         return report.msg
