@@ -5,12 +5,13 @@ import tempfile
 import time
 from pathlib import Path
 
-from router.stories import main_job, power_loss, start
+from router.stories import lock_out, main_job, power_loss, start, upgrade, upgrade_back
 from router.stories.stage import Stage
 from router.virtual.client import NoNamespaces, RouterError
 from router.virtual.state import TREE
 
-STORIES = {"start": start, "job": main_job, "power-loss": power_loss}
+STORIES = {"start": start, "job": main_job, "power-loss": power_loss, "lock-out": lock_out,
+           "upgrade": upgrade, "upgrade-back": upgrade_back}
 SPEED = 10
 
 

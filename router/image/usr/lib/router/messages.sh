@@ -26,7 +26,8 @@ handle_all() {
 }
 
 handle() {
-    journal "$command $(member .jobId)"
+    job=$(member .jobId)
+    journal "$command${job:+ for job $job}"
     seconds=$(fault slow) && sleep "$seconds"
     if fault fail >/dev/null; then
         rc=$(fault fail)
