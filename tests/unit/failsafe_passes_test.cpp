@@ -114,6 +114,33 @@ TEST_F(FailsafePasses, GoesOnUntilTheDeadline) {
     EXPECT_EQ(job["status"], "failed");
 }
 
+TEST_F(FailsafePasses, AClockSetFrom1970ToTodayMeanwhileEndsItWithARevert) {
+    set_time(1000);
+    given_modem(true, false);
+    fakes::on_sleep = [](unsigned) { set_time(START_TIME); };
+
+    verify();
+
+    EXPECT_EQ(job["msg"], "failsafe timer expired, reverting to config.failsafe");
+    EXPECT_THAT(tests(), IsEmpty());
+}
+
+TEST_F(FailsafePasses, AClockSetBackByAMinuteProlongsItByAMinute) {
+    fakes::always_returns("ping_test", -1, "3 ");
+    unsigned slept = 0;
+    fakes::on_sleep = [&](unsigned seconds) {
+        slept += seconds;
+        advance(static_cast<time_t>(seconds));
+        if (slept == 30)
+            advance(-60);
+    };
+
+    verify(R"({"timer":1})");
+
+    EXPECT_EQ(job["status"], "failed");
+    EXPECT_EQ(tests().size(), 24U);
+}
+
 // --- the cell
 
 TEST_F(FailsafePasses, WithTheCellDisabledItsConnectionIsNotRead) {
