@@ -79,10 +79,21 @@ bool was_acknowledged(const evidence &seen, const std::string &job_id, long long
     });
 }
 
+bool is_log(const entry &each, const std::string &line) {
+    return each.kind == entry_kind::LOG && each.what == line;
+}
+
+// How often the job was taken in: stored as new, or run at once because it is critical.
 long intakes_of(const evidence &seen, const std::string &job_id) {
-    return std::count_if(seen.ledger.begin(), seen.ledger.end(), [&](const entry &each) {
-        return is_message_with(each, "v1/device/job/" + job_id + "/apply");
+    const auto count = [&](const auto &fits) {
+        return std::count_if(seen.ledger.begin(), seen.ledger.end(), fits);
+    };
+    const long stored =
+        count([&](const entry &each) { return is_log(each, "write new job file: " + job_id); });
+    const long critical = count([&](const entry &each) {
+        return is_message_with(each, "/" + job_id + "/apply") && is_message_with(each, "PRIORITY CRITICAL");
     });
+    return stored + critical;
 }
 
 long scripts_of(const evidence &seen, const std::string &job_id, const std::string &event) {
