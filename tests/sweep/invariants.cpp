@@ -72,28 +72,34 @@ bool was_cleared(const evidence &seen) {
     });
 }
 
+// Before the job went to the archive for the last time.
 bool was_acknowledged(const evidence &seen, const std::string &job_id, long long session) {
     const std::string text = "\"jobId\":\"" + job_id + "\",\"session\":" + std::to_string(session);
-    return std::any_of(seen.ledger.begin(), seen.ledger.end(), [&](const entry &each) {
-        return is_message_with(each, text) && is_message_with(each, "\"rc\":200");
-    });
-}
-
-bool is_log(const entry &each, const std::string &line) {
-    return each.kind == entry_kind::LOG && each.what == line;
+    bool acknowledged = false;
+    bool at_last = false;
+    for (const entry &each : seen.ledger) {
+        acknowledged |= is_message_with(each, text) && is_message_with(each, "\"rc\":200");
+        if (each.kind == entry_kind::CHANGE && each.what == "rename" &&
+            each.text.rfind(ACTIVE + job_id + " ", 0) == 0)
+            at_last = acknowledged;
+    }
+    return at_last;
 }
 
 // How often the job was taken in: stored as new, or run at once because it is critical.
 long intakes_of(const evidence &seen, const std::string &job_id) {
-    const auto count = [&](const auto &fits) {
-        return std::count_if(seen.ledger.begin(), seen.ledger.end(), fits);
-    };
-    const long stored =
-        count([&](const entry &each) { return is_log(each, "write new job file: " + job_id); });
-    const long critical = count([&](const entry &each) {
-        return is_message_with(each, "/" + job_id + "/apply") && is_message_with(each, "PRIORITY CRITICAL");
-    });
-    return stored + critical;
+    std::set<Json::Value> intake_times;
+    long critical = 0;
+    for (const entry &each : seen.ledger) {
+        if (each.kind == entry_kind::STORED && each.what == job_id) {
+            const Json::Value job = json(each.text);
+            if (job["status"] == "received" && job.isMember("timestamp"))
+                intake_times.insert(job["timestamp"]);
+        }
+        if (is_message_with(each, "/" + job_id + "/apply") && is_message_with(each, "PRIORITY CRITICAL"))
+            critical++;
+    }
+    return static_cast<long>(intake_times.size()) + critical;
 }
 
 long scripts_of(const evidence &seen, const std::string &job_id, const std::string &event) {
