@@ -5,6 +5,7 @@ import os
 import subprocess
 import sys
 import time
+from pathlib import Path
 
 from router.virtual.client import NoNamespaces, Router, RouterError
 from router.virtual.services import FAULTY
@@ -37,6 +38,7 @@ def add_power(commands):
     up.add_argument("--version", default="1.0.0", help="firmware version of the image")
     up.add_argument("--speed", type=float, default=1, help="how many times faster the agent's clock goes")
     up.add_argument("--clock", action="store_true", help="a clock of its own that can be stepped")
+    up.add_argument("--clock-at", type=float, metavar="SECONDS", help="that clock begins so long after 1970")
     up.add_argument("--no-broker", dest="broker", action="store_false", help="boot with the broker stopped")
     up.add_argument("--device-type", type=int, help="1, 2 and 5 take upgrades, 5 has the button (5)")
     up.add_argument("--flash", action="store_true", help="both slots anew from the build tree, boot the first")
@@ -50,6 +52,8 @@ def add_power(commands):
 def add_faults(commands):
     commands.add_parser("press", help="the reset button").add_argument(
         "how", choices=("short", "failsafe", "factory"))
+    commands.add_parser("trust", help="add a certificate authority to its store").add_argument(
+        "certificate", type=Path)
     commands.add_parser("net", help="the wire to the cloud's side").add_argument(
         "to", choices=("up", "down"))
     commands.add_parser("broker", help="the router's MQTT broker").add_argument(
@@ -113,8 +117,8 @@ def replace_by(command, words):
 def up(router, arguments):
     began = time.monotonic()
     router.up(build=arguments.build, version=arguments.version, speed=arguments.speed,
-              clock=arguments.clock, broker=arguments.broker, device_type=arguments.device_type,
-              data_size=arguments.data_size, flash=arguments.flash)
+              clock=arguments.clock, clock_at=arguments.clock_at, broker=arguments.broker,
+              device_type=arguments.device_type, data_size=arguments.data_size, flash=arguments.flash)
     print(f"{router.name} is up after {time.monotonic() - began:.2f} s")
 
 
@@ -135,6 +139,7 @@ def run(router, arguments):
         "status": lambda: show_status(router, arguments.json),
         "journal": lambda: show_journal(router),
         "fault": lambda: set_fault(router, arguments.service, arguments.words),
+        "trust": lambda: router.trust(arguments.certificate),
         "press": lambda: router.press(arguments.how),
         "net": lambda: router.net(arguments.to == "up"),
         "broker": lambda: router.broker(arguments.to == "start"),

@@ -197,7 +197,8 @@ class Router:
         pid = status.get("launcher") if cloud else status.get("init")
         if not pid or status["state"] == "down":
             raise RouterError(f"router {self.name} is down")
-        spaces = ["-n"] if cloud else ["-m", "-n", "-p", "-i", "-u", f"--root=/proc/{pid}/root", "--wd=/"]
+        spaces = ["-n"] if cloud else ["-m", "-n", "-p", "-i", "-u", f"--root=/proc/{pid}/root",
+                                      f"--wd=/proc/{pid}/root"]
         return ["nsenter", "-t", str(pid), "-U", "--preserve-credentials", *spaces, "--"]
 
     def inside(self, *command):

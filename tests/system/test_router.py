@@ -26,6 +26,11 @@ def wait_for_boot_by_itself(router, beyond):
     router.wait_connected(times=beyond + 1)
 
 
+def test_a_command_inside_sees_nothing_of_this_machine(router):
+    assert router.run("cat etc/firmware-version; pwd") == "1.0.0\n/\n", "not even its working directory"
+    assert router.run("cat /proc/1/comm").strip() == "init"
+
+
 def test_reboot_inside_comes_back_with_memory_lost(router):
     router.wait_connected()
     leave_traces(router)
