@@ -56,9 +56,20 @@ int note_failure(int result, const char *text, std::vector<std::string> &notes) 
     return result;
 }
 
+// An apply is resumed from its job and its candidate. What is left of one without a readable job would
+// be taken for the candidate of the next job, and would refuse every request until then.
+void forget_unfinished_apply(std::vector<std::string> &notes) {
+    if (is_readable(STORED_ACTIVE_JOB) || !(file_exists(STORED_NEW_CONFIG) || file_exists(FAILSAFE_TIMER)))
+        return;
+    delete_file(STORED_NEW_CONFIG);
+    delete_file(FAILSAFE_TIMER);
+    notes.push_back("an unfinished apply has no readable job: its candidate and its timer are deleted");
+}
+
 } // namespace
 
 int boot_configuration(std::vector<std::string> &notes) {
+    forget_unfinished_apply(notes);
     if (mend_stored_config(notes) != 0 ||
         note_failure(copy_file(STORED_CONFIG, RUNNING_CONFIG),
                      "the running configuration could not be written", notes) != 0)
@@ -73,6 +84,7 @@ int boot_configuration(std::vector<std::string> &notes) {
         result |=
             note_failure(refresh_hash(FAILSAFE_CONFIG, FAILSAFE_HASH),
                          "the failsafe configuration cannot be read, or its hash not be written", notes);
+    result |= note_failure(refresh_hardware_settings(), "the hardware settings could not be written", notes);
     result |= note_failure(save_hw_config_section_to_nv(), "the hardware section could not be stored", notes);
     sync_to_fs(2);
     return result == 0 ? 0 : -1;

@@ -37,18 +37,21 @@ int restore_failsafe_files_to_nv() try {
     Json::Value saved;
     if (conf::read_config(conf::FAILSAFE_CONFIG, saved) == 0)
         return -1; // it is there: writing failed
+    // While a verification runs, the persistent configuration still is the last committed one.
+    if (file_exists(conf::FAILSAFE_TIMER) && conf::read_config(conf::STORED_CONFIG, saved) == 0)
+        return calculate_and_write_config_hash(conf::STORED_CONFIG, conf::STORED_HASH);
     return conf::install_config(conf::DEFAULT_CONFIG, conf::STORED_CONFIG, conf::STORED_HASH);
 } catch (...) {
     return -1;
 }
 
 int restore_failsafe_files_to_running() try {
-    if (conf::install_config(conf::FAILSAFE_CONFIG, conf::RUNNING_CONFIG, conf::RUNNING_HASH) == 0)
-        return 0;
     Json::Value saved;
-    if (conf::read_config(conf::FAILSAFE_CONFIG, saved) == 0)
+    const bool is_saved = conf::read_config(conf::FAILSAFE_CONFIG, saved) == 0;
+    const char *from = is_saved ? conf::FAILSAFE_CONFIG : conf::STORED_CONFIG;
+    if (conf::install_config(from, conf::RUNNING_CONFIG, conf::RUNNING_HASH) != 0)
         return -1;
-    return conf::install_config(conf::STORED_CONFIG, conf::RUNNING_CONFIG, conf::RUNNING_HASH);
+    return conf::refresh_hardware_settings();
 } catch (...) {
     return -1;
 }

@@ -16,4 +16,8 @@ int install_config(const char *from, const char *config_path, const char *hash_p
 // As above, from a document.
 int install_config(const Json::Value &config, const char *config_path, const char *hash_path);
 
+// The hardware section of config.running becomes the settings in force, hardware.running; without a section
+// there are none. 0 ok.
+int refresh_hardware_settings();
+
 } // namespace conf

@@ -36,6 +36,14 @@ int write_if_different(const char *path, const Json::Value &value) {
 
 } // namespace
 
+int conf::refresh_hardware_settings() {
+    Json::Value running;
+    Json::Value hardware;
+    if (!read_hardware(running, hardware))
+        return delete_file(HARDWARE_SETTINGS);
+    return write_if_different(HARDWARE_SETTINGS, hardware);
+}
+
 int cmd_hwconfig() try {
     Json::Value running;
     Json::Value hardware;

@@ -73,12 +73,13 @@ int save_hw_config_section_to_nv();
 // cut between the two files may have left the hash of another configuration.
 
 // config.failsafe over config.json, its hash over config.hash. Where none was ever saved, or it cannot be
-// read, the image's default configuration takes its place. Fails when neither can be read or a write
+// read, the image's default configuration takes its place; but during a verification the persistent
+// configuration, which is the last committed one, stays. Fails when neither can be read or a write
 // fails; the persistent configuration is whole then all the same.
 int restore_failsafe_files_to_nv();
 
 // config.failsafe over config.running, its hash over config.running.hash. Without a readable failsafe
-// copy the persistent configuration becomes the running one. Fails when neither can be read or a write
+// copy the persistent configuration becomes the running one. The hardware settings in RAM follow. Fails when neither can be read or a write
 // fails.
 int restore_failsafe_files_to_running();
 

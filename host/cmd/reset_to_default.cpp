@@ -95,10 +95,11 @@ int install_scratch(const conf::meta_data &meta) {
     const bool hardware_changed = std::any_of(changes.begin(), changes.end(), [&](const Json::Value &change) {
         return change["path"] == hardware;
     });
-    if (hardware_changed && cmd_hwconfig() == 0)
-        save_hw_config_section_to_nv();
+    int result = 0;
+    if (hardware_changed)
+        result = cmd_hwconfig() == 0 ? save_hw_config_section_to_nv() : -1;
     restart_services(meta, changes);
-    return 0;
+    return result;
 }
 
 } // namespace

@@ -5,7 +5,10 @@
 
 #include "host/vtrsec/field_cipher.h"
 
+#include "host/vantrel/json_text.h"
+
 #include <fstream>
+#include <sstream>
 
 namespace conf {
 namespace {
@@ -14,18 +17,29 @@ constexpr size_t LONGEST_TEXT =
     1024; // no setting is longer, and matching a pattern takes stack for each character
 constexpr size_t TOLD_FAULTS = 50;
 
+// The parser that explains takes more than the one that reads configurations everywhere else.
+std::string defect_for_other_readers(const std::string &text) {
+    Json::Value read;
+    if (parse_json(text, read))
+        return "";
+    return "the document is not JSON: a number such as 01, +1 or 1., a control character in a text, or bytes "
+           "after the document";
+}
+
 // Empty when the file holds one JSON document; config is that then.
 std::string read_defect(const char *path, Json::Value &config) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
+    std::ifstream opened(path, std::ios::binary);
+    if (!opened)
         return std::string("there is no readable file ") + path;
+    std::stringstream file;
+    file << opened.rdbuf();
     Json::CharReaderBuilder strict;
     Json::CharReaderBuilder::strictMode(&strict.settings_);
     strict["strictRoot"] = false;
     std::string reason;
     try {
         if (Json::parseFromStream(strict, file, &config, &reason))
-            return "";
+            return defect_for_other_readers(file.str());
     } catch (const std::exception &too_deep) {
         reason = too_deep.what();
     }

@@ -43,6 +43,31 @@ TEST_F(Boot, TheRunningConfigurationIsThePersistentOne) {
     EXPECT_EQ(hash_in(conf::STORED_HASH), config_hash(stored));
     EXPECT_TRUE(exists(conf::META_FILE));
     EXPECT_EQ(read_json(conf::STORED_HARDWARE), stored["hardware"]);
+    EXPECT_EQ(read_json(conf::HARDWARE_SETTINGS), stored["hardware"]);
+}
+
+TEST_F(Boot, ACandidateWithoutAReadableJobIsForgotten) {
+    write_json(conf::STORED_CONFIG, stored);
+    for (const char *job : {"", "{"}) {
+        write_json(conf::STORED_NEW_CONFIG, stored);
+        write_text(conf::FAILSAFE_TIMER, "{}");
+        write_text(conf::STORED_ACTIVE_JOB, job);
+        ASSERT_EQ(boot(), 0);
+        EXPECT_THAT(notes, testing::ElementsAre(HasSubstr("no readable job")));
+        EXPECT_FALSE(exists(conf::STORED_NEW_CONFIG));
+        EXPECT_FALSE(exists(conf::FAILSAFE_TIMER));
+    }
+}
+
+TEST_F(Boot, AnApplyThatWasCutShortIsKeptForItsJob) {
+    write_json(conf::STORED_CONFIG, stored);
+    write_json(conf::STORED_NEW_CONFIG, stored);
+    write_text(conf::FAILSAFE_TIMER, "{}");
+    write_text(conf::STORED_ACTIVE_JOB, R"({"jobId": "1"})");
+    ASSERT_EQ(boot(), 0);
+    EXPECT_THAT(notes, IsEmpty());
+    EXPECT_TRUE(exists(conf::STORED_NEW_CONFIG));
+    EXPECT_TRUE(exists(conf::FAILSAFE_TIMER));
 }
 
 TEST_F(Boot, SensitiveFieldsAreEncodedInBoth) {

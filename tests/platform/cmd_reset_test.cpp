@@ -92,6 +92,12 @@ TEST_F(ResetToDefault, AServiceThatFailsDoesNotUndoIt) {
     EXPECT_EQ(at(now(), "network.wireless.wifi.channel"), "0");
 }
 
+TEST_F(ResetToDefault, FailsWhenTheHardwareCannotBeApplied) {
+    conf::set_member(current, "hardware.indicators.brightness", 1);
+    install(current);
+    EXPECT_EQ(cmd_reset_to_default("hardware"), -1); // this machine has none of its ports
+}
+
 TEST_F(ResetToDefault, RemovesAnAreaThatWasNotDelivered) {
     write_json(conf::DEFAULT_CONFIG, default_without("system.general"));
     ASSERT_EQ(cmd_reset_to_default("system.general"), 0);

@@ -68,6 +68,23 @@ TEST_F(Restores, WithoutAFailsafeCopyThePersistentConfigurationBecomesTheRunning
     EXPECT_EQ(read_json(conf::RUNNING_CONFIG), current);
 }
 
+TEST_F(Restores, DuringAVerificationABrokenFailsafeCopyKeepsTheLastCommittedConfiguration) {
+    write_text(conf::FAILSAFE_CONFIG, "{");
+    write_text(conf::FAILSAFE_TIMER, "{}");
+    ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), current);
+    unlink(conf::FAILSAFE_TIMER);
+    ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), default_config());
+}
+
+TEST_F(Restores, TheRunningHardwareSettingsFollow) {
+    write_json(conf::HARDWARE_SETTINGS, json(R"({"rejected": true})"));
+    given_failsafe_copy();
+    ASSERT_EQ(restore_failsafe_files_to_running(), 0);
+    EXPECT_EQ(read_json(conf::HARDWARE_SETTINGS), saved["hardware"]);
+}
+
 TEST_F(Restores, WithNothingToRestoreFromTheyFailAndChangeNothing) {
     std::filesystem::remove_all("/usr/share/vantrel");
     EXPECT_EQ(restore_failsafe_files_to_nv(), -1);

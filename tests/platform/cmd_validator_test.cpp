@@ -29,6 +29,16 @@ TEST_F(Validator, TakesTheDeliveredConfiguration) {
     EXPECT_EQ(verdict(default_config()), "valid");
 }
 
+TEST_F(Validator, RefusesWhatNothingElseCouldRead) {
+    const std::string file = "/tmp/candidate";
+    for (const std::string text : {R"({"a":01500})", R"({"a":+1})", R"({"a":1.})", "{\"a\":\"\t\"}"}) {
+        write_text(file, text);
+        std::string result;
+        EXPECT_NE(config_validator(file.c_str(), result), 0) << text;
+        EXPECT_THAT(result, testing::HasSubstr("not JSON")) << text;
+    }
+}
+
 TEST_F(Validator, TakesAConfigurationOfTheRequiredAreasAlone) {
     Json::Value config;
     for (const char *area : {"hardware", "network", "iot"})

@@ -69,6 +69,16 @@ TEST_F(Vtrcfg, SetMarksThatSomethingIsNotCommitted) {
     EXPECT_FALSE(exists(conf::EDITED_CONFIG));
 }
 
+TEST_F(Vtrcfg, DiscardTakesALostCandidateAway) {
+    write_json(conf::NEW_CONFIG, default_config());
+    write_text(std::string(conf::ACTIVE_JOBS) + "/FAILSAFE_CONFIG", "{}");
+    vtrcfg("discard");
+    EXPECT_TRUE(exists(conf::NEW_CONFIG)); // its job is queued
+    unlink((std::string(conf::ACTIVE_JOBS) + "/FAILSAFE_CONFIG").c_str());
+    vtrcfg("discard");
+    EXPECT_FALSE(exists(conf::NEW_CONFIG));
+}
+
 TEST_F(Vtrcfg, SetTakesJsonAndTexts) {
     vtrcfg("set system.general.location \"7\"");
     EXPECT_EQ(edited("system.general.location"), "7\n");

@@ -68,4 +68,10 @@ void forget_edited() {
     delete_file(conf::CONFIG_MODIFIED);
 }
 
+bool is_lost_candidate() {
+    const std::string queued = std::string(conf::ACTIVE_JOBS) + "/FAILSAFE_CONFIG";
+    return file_exists(conf::NEW_CONFIG) && !file_exists(conf::STORED_NEW_CONFIG) &&
+           !file_exists(conf::FAILSAFE_TIMER) && !file_exists(queued.c_str()) && !iot_job_in_progress();
+}
+
 } // namespace vtrcfg

@@ -26,4 +26,8 @@ void forget_edited();
 // The reasons why the edited configuration must not be requested any more, or empty.
 std::string edited_is_stale();
 
+// A candidate was placed, and nobody is going to apply it: no job for it is queued or under way, as when its
+// request was refused, lost or cleared.
+bool is_lost_candidate();
+
 } // namespace vtrcfg

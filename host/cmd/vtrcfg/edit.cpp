@@ -6,6 +6,8 @@
 #include "host/cmd/vtrcfg/commands.h"
 #include "host/cmd/vtrcfg/documents.h"
 #include "host/vantrel/json_text.h"
+#include "platform/cmd.h"
+#include "platform/vantrel.h"
 
 #include <iostream>
 
@@ -69,6 +71,11 @@ int unset(const std::string &path) {
 
 int discard() {
     forget_edited();
+    if (is_lost_candidate()) {
+        delete_file(conf::NEW_CONFIG);
+        delete_file(conf::NEW_HASH);
+        clear_config_apply_in_progress();
+    }
     return YES;
 }
 
