@@ -112,7 +112,7 @@ void consistency::check_device(const std::string &path, const std::string &devic
 
 void consistency::check_overlap(const std::string &name, const subnet &net) {
     for (const auto &[other, facts] : interfaces)
-        if (other != name && facts.net && facts.net->overlaps(net))
+        if (facts.net && facts.net->overlaps(net))
             add(std::string(INTERFACES) + "." + name + ".address", "its subnet, " + range(net) +
                                                                        ", overlaps that of interface " +
                                                                        other + ", " + range(*facts.net));

@@ -99,6 +99,10 @@ const std::vector<row> CONTRADICTIONS = {
        R"({"name": "web", "enable": true, "interface": "wan", "protocol": "tcp", "port": 80,
            "to_address": "10.0.0.7", "to_port": 80})"}},
      "network.firewall.port_forwards.0.to_address: 10.0.0.7 is in the subnet of no lan interface"},
+    {{{"network.firewall.port_forwards.0",
+       R"({"name": "web", "enable": true, "interface": "wan", "protocol": "tcp", "port": 80,
+           "to_address": "192.0.2.7", "to_port": 80})"}},
+     "network.firewall.port_forwards.0.to_address: 192.0.2.7 is in the subnet of no lan interface"},
     {{{"network.wireless.wifi.interface", "\"guest\""}},
      "network.wireless.wifi.interface: there is no interface \"guest\""},
     {{{"hardware.modules.wifi", "false"},
@@ -133,6 +137,7 @@ const std::vector<std::vector<change>> AGREEMENTS = {
      {WAN + ".gateway", "\"192.0.2.2\""},
      {WAN + ".enable", "false"}},
     {{WAN + ".mode", "\"dhcp\""}},
+    {{LAN + ".dhcp_server.last", "\"192.168.1.100\""}},
     {{"network.interfaces.dmz", DMZ}, {LAN + ".enable", "false"}},
     {{"network.routes.static.0",
       R"({"destination": "10.0.0.0/8", "interface": "wan", "gateway": "192.0.2.9"})"}},
@@ -162,6 +167,15 @@ TEST_F(Consistency, EveryFaultIsTold) {
     for (const std::string &place : {WAN + ".mtu", WAN + ".gateway", WAN + ".first_typo",
                                      WAN + ".second_typo", std::string("system.failsafe.timer")})
         EXPECT_THAT(told, HasSubstr(place + ": "));
+}
+
+TEST_F(Consistency, EachPlaceIsToldOnce) {
+    EXPECT_EQ(
+        verdict({{WAN + ".netmask", "24"}}),
+        WAN +
+            ".netmask: expected an IPv4 netmask of contiguous bits from 128.0.0.0 to 255.255.255.255, as in "
+            "255.255.255.0, found 24");
+    EXPECT_EQ(verdict({{WAN + ".role", "7"}}), WAN + ".role: expected \"wan\" or \"lan\", found 7");
 }
 
 TEST_F(Consistency, OfVeryManyFaultsTheFirstAreTold) {

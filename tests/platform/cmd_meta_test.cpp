@@ -280,6 +280,18 @@ TEST_F(AccessLevel, MayBeHigherBelow) {
     EXPECT_EQ(level(conf::RUNNING_CONFIG, "network.wireless.cell.sim1.pin"), 2);
 }
 
+TEST_F(AccessLevel, OfTheClosestRuleCounts) {
+    for (const char *rules :
+         {R"({"security": 3, "security.mode": 0})", R"({"a": 1, "security.mode": 0, "security": 3})"}) {
+        given_image_area("access_below", json(rules));
+        given_running(default_config());
+        EXPECT_EQ(level(conf::RUNNING_CONFIG, "network.wireless.wifi.security.mode"), 0);
+        EXPECT_EQ(level(conf::RUNNING_CONFIG, "network.wireless.wifi.security.passphrase"), 3);
+    }
+    given_image_area("access_below", json(R"({"a": 3, "a.longer": 0})"));
+    EXPECT_EQ(level(conf::RUNNING_CONFIG, "network.wireless.wifi.a.longer.path"), 0);
+}
+
 TEST_F(AccessLevel, OfNoAreaFails) {
     given_running(default_config());
     for (const char *path : {"", "network", "network.other", "network.interfacesfoo", "other.path"})

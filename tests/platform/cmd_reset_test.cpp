@@ -14,6 +14,7 @@ class ResetToDefault : public CmdTest {
 protected:
     ResetToDefault() {
         conf::set_member(current, "network.wireless.wifi.channel", 6);
+        conf::set_member(current, "gps.gps.interval", 5);
         conf::set_member(current, "system.general.hostname", "current");
         conf::set_member(current, "network.wireless.cell.sim1.pin", "1234");
         install(current);
@@ -79,6 +80,21 @@ TEST_F(ResetToDefault, RestartsTheServicesOfWhatChangedOnceEach) {
     ASSERT_EQ(cmd_reset_to_default("all"), 0);
     EXPECT_EQ(ran(),
               "cmd_wifi apply\ncmd_wifi reload\nsystemctl reload qtel-mgr\nsystemctl reload vtr-system\n");
+}
+
+TEST_F(ResetToDefault, OfTheHardwareAppliesAndStoresIt) {
+    Json::Value delivered = default_config();
+    delivered["hardware"]["ports"] = json(R"({"lo": {"enable": true}})"); // it exists here
+    for (const char *interface : {"lan", "wan"})
+        delivered["network"]["interfaces"][interface]["device"] = std::string(interface) + "9";
+    write_json(conf::DEFAULT_CONFIG, delivered);
+    Json::Value config = delivered;
+    config["hardware"]["leds"]["brightness"] = 7;
+    install(config);
+    ASSERT_EQ(cmd_metainit(), 0);
+    ASSERT_EQ(cmd_reset_to_default("hardware"), 0);
+    EXPECT_EQ(read_json(conf::HARDWARE_SETTINGS), delivered["hardware"]);
+    EXPECT_EQ(read_json(conf::STORED_HARDWARE), delivered["hardware"]);
 }
 
 TEST_F(ResetToDefault, OfAnUnchangedAreaRestartsNothing) {

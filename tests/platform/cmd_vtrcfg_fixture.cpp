@@ -60,6 +60,6 @@ void test_agent::on_subscribe(int, int, const int *) {
 }
 
 void test_agent::on_message(const mosquitto_message *message) {
-    ++count;
     act(std::string(static_cast<const char *>(message->payload), static_cast<size_t>(message->payloadlen)));
+    ++count;
 }

@@ -32,6 +32,7 @@ public:
     test_agent(const test_agent &) = delete;
     test_agent &operator=(const test_agent &) = delete;
 
+    // Those whose action has ended.
     int requests() const { return count; }
 
 private:
