@@ -181,6 +181,14 @@ TEST_F(FactoryReset, ThatCannotWriteKeepsWhatToFallBackOnAndLeavesNothingUnderWa
     EXPECT_EQ(cmd_factory_reset(1), 0);
 }
 
+TEST_F(FactoryReset, ThatCannotDeleteWhatIsUnderWayFails) {
+    unlink(conf::STORED_NEW_CONFIG);
+    std::filesystem::create_directories(std::string(conf::STORED_NEW_CONFIG) + "/inside");
+    EXPECT_EQ(cmd_factory_reset(1), -1);
+    std::filesystem::remove_all(conf::STORED_NEW_CONFIG);
+    EXPECT_EQ(cmd_factory_reset(1), 0);
+}
+
 TEST_F(FactoryReset, WithoutADefaultConfigurationFailsAndChangesNothing) {
     unlink(conf::DEFAULT_CONFIG);
     EXPECT_EQ(cmd_factory_reset(1), -1);
