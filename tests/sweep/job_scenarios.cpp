@@ -107,6 +107,8 @@ scenario_group script_scenarios() {
             {"a critical script", SESSIONS, "one session for received",
              "A critical job is not stamped at its intake: all its reports bear the session it came with, "
              "mostly none."},
+            {"a critical script", REPORTED, "archived as received",
+             "It goes to the archive as soon as its script has ended, as it was stored before; nobody waits for an answer."},
             {"a critical script",
              NO_MARKER,
              "CRITICAL_JOB_EXECUTING",
