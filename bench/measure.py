@@ -17,7 +17,6 @@ from cloud.service import IGNORE, Service, socket_of  # noqa: E402
 from router.virtual.client import Router  # noqa: E402
 
 BUILD = TREE / "build/release"
-TICKS_PER_S = os.sysconf("SC_CLK_TCK")
 
 
 class Bench:
@@ -28,6 +27,8 @@ class Bench:
         self.router = Router("bench", self.folder)
         self.router.up(build=BUILD, **options)
         self.cloud = Service(socket_of(self.router)).__enter__()
+        self.router.wait_until(lambda: "tessard 0 v1/devices/me/attributes" in self.router.log(), 30,
+                               "the agent's subscriptions")
 
     def __enter__(self):
         return self
@@ -54,9 +55,39 @@ def memory(router, pid):
     return sizes["Pss"], sizes["Private_Dirty"]
 
 
-def cpu_ticks(router, pid):
-    """User and system time of the process and of its children that have ended."""
-    return sum(int(x) for x in router.run(f"cat /proc/{pid}/stat").rsplit(")", 1)[1].split()[11:15])
+class CpuAccount:
+    """The processor time of a process and of all its children from now on, by a control group: the clock ticks in
+    /proc are too coarse for a process that sleeps."""
+
+    ROOT = Path("/sys/fs/cgroup/cpuacct")
+
+    def __init__(self, name, program):
+        self.group = self.ROOT / f"tessard-bench-{name}"
+        self.group.mkdir(exist_ok=True)
+        for pid in host_pids(program):
+            (self.group / "cgroup.procs").write_text(str(pid))
+        (self.group / "cpuacct.usage").write_text("0")
+
+    def seconds(self):
+        return int((self.group / "cpuacct.usage").read_text()) / 1e9
+
+    def close(self):
+        for pid in (self.group / "cgroup.procs").read_text().split():
+            (self.ROOT / "cgroup.procs").write_text(pid)
+        self.group.rmdir()
+
+
+def host_pids(program):
+    """Those of the machine that run the program."""
+    return [int(p.name) for p in Path("/proc").iterdir()
+            if p.name.isdigit() and (p / "exe").is_symlink() and os.path.basename(link(p / "exe")) == program]
+
+
+def link(path):
+    try:
+        return os.readlink(path)
+    except OSError:
+        return ""
 
 
 def idle(arguments):
@@ -65,15 +96,17 @@ def idle(arguments):
         shutil.copy(BUILD / "bench/bare_agent", router.state / "data/bare_agent")
         router.run("/var/data/bare_agent >/dev/null 2>&1 &")
         time.sleep(5)
-        pids = {"tessard": bench.pid("tessard"), "bare program": bench.pid("bare_agent")}
-        before = {name: cpu_ticks(router, pid) for name, pid in pids.items()}
+        time.sleep(15)
+        programs = ("tessard", "bare_agent")
+        accounts = {name: CpuAccount(name, name) for name in programs}
         time.sleep(arguments.seconds)
-        used = {name: cpu_ticks(router, pid) - before[name] for name, pid in pids.items()}
-        for name, pid in pids.items():
-            pss, dirty = memory(router, pid)
-            print(f"{name:14} PSS {pss:6} KiB  private dirty {dirty:6} KiB  CPU "
-                  f"{used[name] / TICKS_PER_S * 60 / arguments.seconds * 1000:6.1f} ms a minute")
-        print(f"CPU ratio {used['tessard'] / max(used['bare program'], 1):.2f}")
+        used = {name: account.seconds() for name, account in accounts.items()}
+        for name in programs:
+            accounts[name].close()
+            pss, dirty = memory(router, bench.pid(name))
+            print(f"{name:12} PSS {pss:6} KiB  private dirty {dirty:6} KiB  CPU "
+                  f"{used[name] * 60 / arguments.seconds * 1000:6.1f} ms a minute")
+        print(f"CPU ratio {used['tessard'] / used['bare_agent']:.2f}")
 
 
 # --- latency: from the publish to the script's first line
