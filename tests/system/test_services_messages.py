@@ -140,10 +140,14 @@ def test_a_file_push_job(router, cloud, shelf):
     assert (answer["jobId"], answer["rc"]) == ("push", 200)
 
 
-def test_a_file_pull_job(router, cloud, shelf):
+def test_a_file_pull_job_is_asked_for_again_until_the_cloud_ends_it(router, cloud, shelf):
     shelf.files["/a.txt"] = b"text\n"
     cloud.send_job({"jobId": "pull", "action": "CMD", "value": "filepull",
                     "params": {"url": f"{SERVER}/a.txt", "filepath": "/var/data/a.txt"}})
-    answer = cloud.wait(lambda c: acks(c, "filepull"), PATIENCE, "the answer")[0]
+    answer = cloud.wait(lambda c: acks(c, "filepull")[2:], PATIENCE, "the third answer")[0]
     assert (answer["jobId"], answer["rc"]) == ("pull", 200)
     assert router.run("cat /var/data/a.txt") == "text\n"
+    session = cloud.wait_for_status("pull", "received").session
+    cloud.publish("v1/device/cmd/filepull/ack", {"jobId": "pull", "session": session, "rc": 200})
+    cloud.wait_for_status("pull", "success")
+    router.wait_until(lambda: router.archived_jobs() == ["pull"], PATIENCE, "the archive")
