@@ -37,4 +37,4 @@ def tell(stage):
     stage.cloud.wait_for_status(JOB, "failed", 60)
     stage.log_until(f"archiving job file {JOB}", 60)
     stage.says("agent", "archives the job")
-    stage.show_log("local0.(alert|notice).*failsafe")
+    stage.show_log("local0.*(start failsafe|failsafe config: |failsafe restart|after failsafe)")

@@ -26,6 +26,7 @@ def test_a_good_upgrade_is_verified_and_reported(router, cloud, files):
     assert cloud.statuses("fw")[-2:] == ["executed", "success"]
     firmware.wait_for_archived(router)
     assert firmware.running(router) == ("1.1.0", "2")
+    assert router.run("sysdb get SYS_FW_LABEL").strip() == "tessard-1.1.0"
     assert configuration.read(router)["system"]["general"]["location"] == "Depot 7"
     assert configuration.read(router) == configuration.read(router, configuration.STORED)
     assert firmware.leftovers(router) == []
