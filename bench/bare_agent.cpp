@@ -48,7 +48,8 @@ int main() {
     for (int passes = 1;; ++passes) {
         client.loop(-1, 1);
         if (passes % 11 == 0)
-            (void)system("/bin/ls /var/data/orv/vantrel_iot/jobs/active/ | /usr/bin/wc -l > /tmp/.bare_count");
+            (void)system(
+                "/bin/ls /var/data/orv/vantrel_iot/jobs/active/ | /usr/bin/wc -l > /tmp/.bare_count");
         sleep(1);
     }
 }

@@ -39,7 +39,7 @@ public:
     }
 
 private:
-    CLI::App *add(const std::string &name, const std::string &help, std::function<int()> action) {
+    CLI::App *add(const std::string &name, const std::string &help, const std::function<int()> &action) {
         CLI::App *command = app.add_subcommand(name, help);
         command->callback([this, action] { chosen = action; });
         return command;
