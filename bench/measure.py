@@ -61,10 +61,10 @@ class CpuAccount:
 
     ROOT = Path("/sys/fs/cgroup/cpuacct")
 
-    def __init__(self, name, program):
+    def __init__(self, router, name):
         self.group = self.ROOT / f"tessard-bench-{name}"
         self.group.mkdir(exist_ok=True)
-        for pid in host_pids(program):
+        for pid in host_pids(router, name):
             (self.group / "cgroup.procs").write_text(str(pid))
         (self.group / "cpuacct.usage").write_text("0")
 
@@ -77,10 +77,11 @@ class CpuAccount:
         self.group.rmdir()
 
 
-def host_pids(program):
-    """Those of the machine that run the program."""
+def host_pids(router, program):
+    """The router's processes that run the program, as this machine numbers them."""
+    inside = link(Path(f"/proc/{router.status()['init']}/ns/pid"))
     return [int(p.name) for p in Path("/proc").iterdir()
-            if p.name.isdigit() and (p / "exe").is_symlink() and os.path.basename(link(p / "exe")) == program]
+            if p.name.isdigit() and os.path.basename(link(p / "exe")) == program and link(p / "ns/pid") == inside]
 
 
 def link(path):
@@ -98,7 +99,7 @@ def idle(arguments):
         time.sleep(5)
         time.sleep(15)
         programs = ("tessard", "bare_agent")
-        accounts = {name: CpuAccount(name, name) for name in programs}
+        accounts = {name: CpuAccount(router, name) for name in programs}
         time.sleep(arguments.seconds)
         used = {name: account.seconds() for name, account in accounts.items()}
         for name in programs:
@@ -111,14 +112,18 @@ def idle(arguments):
 
 # --- latency: from the publish to the script's first line
 
+def uptime():
+    return float(Path("/proc/uptime").read_text().split()[0])
+
+
 def one_latency(bench, number):
     cloud = bench.cloud
     time.sleep(random.uniform(0, 3))
     job = f"latency-{number}"
     sent = time.time()
-    cloud.send_script(job, "cat /proc/uptime > /var/volatile/first-line; date +%s.%N > /tmp/first-line")
+    cloud.send_script(job, "cat /proc/uptime > /tmp/first-line")
     cloud.wait_for_status(job, "success", 60)
-    first_line = float(bench.router.run("cat /tmp/first-line"))
+    first_line = time.time() - uptime() + float(bench.router.run("cat /tmp/first-line").split()[0])
     at = {report.status: report.at for report in reversed(cloud.reports(job))}
     cloud.wait(lambda c: any(m.topic.endswith("checkin/apply") and m.at > at["success"] for m in c.messages), 60,
                "the check-in")
