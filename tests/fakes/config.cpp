@@ -82,9 +82,9 @@ int restore_failsafe(const char *function, const std::string &config, const std:
         return result;
     std::string text;
     if (fakes::read_all("/var/data/orv/config.failsafe", text) == 0)
-        fakes::write_all(config, text);
+        fakes::replace_file(config, text);
     if (fakes::read_all("/var/data/orv/config.failsafe.hash", text) == 0)
-        fakes::write_all(hash, text);
+        fakes::replace_file(hash, text);
     return 0;
 }
 
@@ -195,14 +195,20 @@ int get_config_change_list(const char *old_path, const char *new_path, Json::Val
     if (const int result = asking("get_config_change_list", std::string(old_path) + " " + new_path);
         result != 0)
         return result;
-    changes = state_now.change_list.isNull() ? changed_members(file_json(old_path), file_json(new_path))
-                                             : state_now.change_list;
+    if (state_now.list_changes)
+        changes = state_now.list_changes(file_json(old_path), file_json(new_path));
+    else if (state_now.change_list.isNull())
+        changes = changed_members(file_json(old_path), file_json(new_path));
+    else
+        changes = state_now.change_list;
     return 0;
 }
 
 int config_validator(const char *path, std::string &result) {
-    const auto held = fakes::hold();
     asking("config_validator", path);
+    if (state_now.validate)
+        return state_now.validate(file_json(path), result);
+    const auto held = fakes::hold();
     if (!state_now.validator_result.empty())
         result = state_now.validator_result;
     return state_now.validator_status;
@@ -216,7 +222,7 @@ int calculate_and_write_config_hash(const char *config_path, const char *hash_pa
     const Json::Value document = file_json(config_path);
     if (document.isNull())
         return -1;
-    return fakes::write_all(hash_path, fakes::hash_of(document));
+    return fakes::replace_file(hash_path, fakes::hash_of(document));
 }
 
 int read_hash(const char *hash_path, char *buffer) {
@@ -287,7 +293,8 @@ int save_hw_config_section_to_nv() {
     return changing("save_hw_config_section_to_nv");
 }
 int cmd_hwconfig() {
-    return changing("cmd_hwconfig");
+    const int result = changing("cmd_hwconfig");
+    return result == 0 && state_now.apply_hardware ? state_now.apply_hardware() : result;
 }
 int cmd_metainit() {
     return changing("cmd_metainit");

@@ -25,6 +25,13 @@ struct config_state {
     // differs between the two files, with an empty cmd_apply.
     Json::Value change_list;
 
+    // Take the place of change_list and of the two lines below, when set.
+    std::function<Json::Value(const Json::Value &before, const Json::Value &after)> list_changes;
+    std::function<int(const Json::Value &config, std::string &result)> validate;
+
+    // Called by cmd_hwconfig, and gives its result.
+    std::function<int()> apply_hardware;
+
     int validator_status = 0;
     std::string validator_result; // empty: the caller's text stays
 

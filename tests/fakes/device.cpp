@@ -162,5 +162,9 @@ void stop_watchdog_and_force_hw_reboot_blocking() {
 
 int execute_systemctl_reload(const char *unit) {
     fakes::change("execute_systemctl_reload", unit);
-    return fakes::set_answer("execute_systemctl_reload", unit).value_or(0);
+    if (const auto answer = fakes::set_answer("execute_systemctl_reload", unit))
+        return *answer;
+    if (state_now.on_reload)
+        state_now.on_reload(unit);
+    return 0;
 }

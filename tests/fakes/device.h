@@ -43,6 +43,9 @@ struct device_state {
     // Called first in each of the three, with its name.
     std::function<void(const std::string &function)> on_reboot;
 
+    // Called by execute_systemctl_reload with the unit.
+    std::function<void(const std::string &unit)> on_reload;
+
     // Looked at before anything else; true when it has taken the call, with the status set.
     std::function<bool(const std::string &command, int &status)> run_command;
 };

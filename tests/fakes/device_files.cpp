@@ -20,8 +20,18 @@ namespace {
 
 constexpr size_t LINE_MAX_LENGTH = 255;
 
+} // namespace
+
+namespace fakes {
+
+std::function<int(const std::string &, const std::string &)> instead_of_replacing;
+std::function<void(const std::string &)> after_replacing;
+std::function<void()> after_sync;
+
+} // namespace fakes
+
 // Whole or not at all, as the device does it: beside the target, never in its folder.
-int replace_file(const std::string &path, const std::string &text) {
+int fakes::replace_file(const std::string &path, const std::string &text) {
     if (fakes::instead_of_replacing)
         return fakes::instead_of_replacing(path, text);
     static const std::string VAR_DATA = "/var/data/";
@@ -42,16 +52,6 @@ int replace_file(const std::string &path, const std::string &text) {
         fakes::after_replacing(path);
     return 0;
 }
-
-} // namespace
-
-namespace fakes {
-
-std::function<int(const std::string &, const std::string &)> instead_of_replacing;
-std::function<void(const std::string &)> after_replacing;
-std::function<void()> after_sync;
-
-} // namespace fakes
 
 int fakes::write_all(const std::string &path, const std::string &text) {
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -111,7 +111,7 @@ int write_json_file(const char *path, const Json::Value &value) {
     fakes::change("write_json_file", path);
     if (const auto answer = fakes::set_answer("write_json_file", path); answer.value_or(0) != 0)
         return *answer;
-    return replace_file(path, value.toStyledString());
+    return fakes::replace_file(path, value.toStyledString());
 }
 
 int file_exists(const char *path) {
@@ -134,7 +134,7 @@ int copy_file(const char *from, const char *to) {
     std::string text;
     if (fakes::read_all(from, text) != 0)
         return -1;
-    return replace_file(to, text);
+    return fakes::replace_file(to, text);
 }
 
 void sync_to_fs(int mode) {

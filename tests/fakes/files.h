@@ -48,6 +48,9 @@ namespace fakes {
 int write_all(const std::string &path, const std::string &text);
 int read_all(const std::string &path, std::string &text);
 
+// As write_json_file and copy_file do it: whole or not at all. 0 ok. Not in the journal.
+int replace_file(const std::string &path, const std::string &text);
+
 // For the sweep. The way in which write_json_file and copy_file put a text in the place of a file (0
 // ok), instead of the right one; what is to be done after a right one, and after sync_to_fs.
 extern std::function<int(const std::string &path, const std::string &text)> instead_of_replacing;

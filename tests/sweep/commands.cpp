@@ -6,6 +6,7 @@
 #include "tests/fakes/files.h"
 #include "tests/sweep/ledger.h"
 #include "tests/sweep/scheduler.h"
+#include "tests/sweep/services.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -154,6 +155,10 @@ bool run_count(const std::string &command, int &status) {
 bool run_command(const std::string &command, int &status) {
     if (run_count(command, status))
         return true;
+    if (run_service_command(command)) {
+        status = 0;
+        return true;
+    }
     for (const known_command &known : known_commands()) {
         std::smatch parts;
         if (!std::regex_match(command, parts, known.form))

@@ -4,6 +4,7 @@
 #include "tests/fakes/config.h"
 #include "tests/fakes/files.h"
 #include "tests/sweep/ledger.h"
+#include "tests/sweep/services.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,6 +26,8 @@ const std::string FLASH = "/dev/shm/flash";
 const fs::path WORLD[] = {"/var/data", "/var/volatile", "/run", "/tmp", FLASH};
 const fs::path SAVED = "/dev/shm/saved";
 
+constexpr const char *ACTIVE_JOB = "/var/data/orv/ACTIVE_JOB";
+constexpr const char *STORED_CANDIDATE = "/var/data/orv/config.new";
 constexpr const char *FILLER = "/var/data/filler";
 
 constexpr unsigned long long DISK_SIZE = 512 << 10;
@@ -32,7 +35,10 @@ constexpr unsigned long long DISK_SIZE = 512 << 10;
 constexpr time_t SECONDS_TO_RESTART = 2;
 constexpr time_t SECONDS_TO_BOOT = 20;
 
-constexpr const char *FIRST_CONFIG = R"({"iot": {"vantrel_iot": {"enabled": true}}})";
+const std::string SAVED_CONFIG = "/var/data/orv/config.json";
+const std::string SAVED_HASH = "/var/data/orv/config.hash";
+const std::string FAILSAFE_CONFIG = "/var/data/orv/config.failsafe";
+const std::string RUNNING_CONFIG = "/var/volatile/config/config.running";
 
 void copy_one(const fs::path &from, const fs::path &to) {
     std::string text;
@@ -154,6 +160,29 @@ bool supervision_reboots() {
     return exists("/var/volatile/orv/CONFIG_JOB_EXECUTING") || exists("/var/volatile/orv/FW_JOB_EXECUTING");
 }
 
+void refresh_hash(const std::string &config, const std::string &hash) {
+    if (exists(config))
+        fakes::write_all(hash, fakes::hash_of(file_json(config)));
+}
+
+// The running configuration is the persistent one; no hash file is trusted.
+void rebuild_configuration() {
+    copy_one(SAVED_CONFIG, RUNNING_CONFIG);
+    refresh_hash(RUNNING_CONFIG, RUNNING_CONFIG + ".hash");
+    refresh_hash(SAVED_CONFIG, SAVED_HASH);
+    refresh_hash(FAILSAFE_CONFIG, FAILSAFE_CONFIG + ".hash");
+}
+
+// The router's boot removes what belongs to no apply.
+void clear_finished_apply() {
+    const bool unfinished = exists(ACTIVE_JOB) && exists(STORED_CANDIDATE);
+    if (unfinished)
+        return;
+    unlinkat(AT_FDCWD, ACTIVE_JOB, 0);
+    if (active_job("FAILSAFE_CONFIG")["status"] != "received")
+        unlinkat(AT_FDCWD, STORED_CANDIDATE, 0);
+}
+
 } // namespace
 
 const char *name_of(restart kind) {
@@ -161,13 +190,13 @@ const char *name_of(restart kind) {
     return NAMES[static_cast<int>(kind)];
 }
 
-void make_new_device() {
+void make_new_device(const std::string &config) {
     free_disk();
     for (const char *path : {"/var/data", "/var/volatile", "/run", "/tmp"})
         empty_directory(path);
     limit_var_data(DISK_SIZE);
     make_boot_directories();
-    given_config("/var/data/orv/config.json", "/var/data/orv/config.hash", FIRST_CONFIG);
+    given_config(SAVED_CONFIG, SAVED_HASH, config);
 }
 
 void follow_writes() {
@@ -189,8 +218,8 @@ bool crash(restart kind) {
     return true;
 }
 
-void boot(restart kind) {
-    const bool agent_alone = kind == restart::KILL && !supervision_reboots();
+void boot(restart kind, const surroundings &around) {
+    const bool agent_alone = kind == restart::KILL && !(around.supervised && supervision_reboots());
     keep_time(kept_time() + (agent_alone ? SECONDS_TO_RESTART : SECONDS_TO_BOOT));
     set_time(kept_time());
     if (agent_alone)
@@ -199,8 +228,10 @@ void boot(restart kind) {
         if (exists(path))
             empty_directory(path);
     make_boot_directories();
-    copy_one("/var/data/orv/config.json", "/var/volatile/config/config.running");
-    copy_one("/var/data/orv/config.hash", "/var/volatile/config/config.running.hash");
+    rebuild_configuration();
+    if (around.cleaned)
+        clear_finished_apply();
+    start_services();
     sync_all();
 }
 

@@ -20,8 +20,15 @@ enum class restart {
 
 const char *name_of(restart kind);
 
-// A device never used, with a configuration.
-void make_new_device();
+// What the device does around the agent. The agent relies on both; a scenario may do without, to show why.
+struct surroundings {
+    bool supervised = true; // an agent that dies in the middle of an apply or of a firmware job takes the
+                            // device with it
+    bool cleaned = true;    // boot removes what an agent that was cut has left and no longer looks at
+};
+
+// A device never used, with this configuration.
+void make_new_device(const std::string &config);
 
 // From here on, in the life that calls it, the copy on the flash follows.
 void follow_writes();
@@ -30,7 +37,7 @@ void follow_writes();
 bool crash(restart kind);
 
 // Boot's steps before the agent starts; `kind` is what came before.
-void boot(restart kind);
+void boot(restart kind, const surroundings &around = {});
 
 // Keeps the file system as a cut has left it, and goes back to that; as often as needed.
 void save_files();

@@ -205,7 +205,7 @@ breakages final_statuses_stay(const evidence &seen) {
     breakages broken;
     std::map<std::string, std::string> final_of;
     for (const entry &each : seen.ledger) {
-        if (is_message_with(each, "v1/device/job/"))
+        if (is_message_with(each, "v1/device/job/") || is_message_with(each, "v1/device/cmd/config/apply"))
             if (each.text.find("/apply ") != std::string::npos)
                 final_of.clear(); // a new intake of the same id begins anew
         if (each.kind != entry_kind::STORED)
@@ -250,8 +250,8 @@ breakages no_marker_is_left(const evidence &) {
 
 } // namespace
 
-const std::vector<invariant> &invariants() {
-    static const std::vector<invariant> ALL = {
+std::vector<invariant> job_invariants() {
+    return {
         {"every job file parses and bears its own jobId", true, job_files_are_whole},
         {"a job that arrives is stored", false, arrived_jobs_are_stored},
         {"a stored job is archived, or cleared", false, stored_jobs_are_archived},
@@ -262,6 +262,15 @@ const std::vector<invariant> &invariants() {
         {"archived means reported and acknowledged", false, archived_jobs_were_reported},
         {"when nothing runs, no marker is left", false, no_marker_is_left},
     };
+}
+
+const std::vector<invariant> &invariants() {
+    static const std::vector<invariant> ALL = [] {
+        auto all = job_invariants();
+        for (const invariant &each : config_invariants())
+            all.push_back(each);
+        return all;
+    }();
     return ALL;
 }
 

@@ -25,6 +25,9 @@ struct invariant {
     std::vector<std::string> (*broken)(const evidence &); // what breaks it; empty: it holds
 };
 
+std::vector<invariant> job_invariants();
+std::vector<invariant> config_invariants();
+
 const std::vector<invariant> &invariants();
 
 } // namespace sweep

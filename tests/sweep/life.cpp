@@ -5,6 +5,7 @@
 #include "tests/sweep/commands.h"
 #include "tests/sweep/ledger.h"
 #include "tests/sweep/scheduler.h"
+#include "tests/sweep/services.h"
 #include "tests/sweep/world.h"
 
 #include <sys/wait.h>
@@ -74,6 +75,9 @@ int write_in_place(const std::string &path, const std::string &text) {
     born = last_move = fakes::now();
     write_ledger(entry_kind::BOOT, "life");
     follow_writes();
+    enter_services();
+    if (given.each_life)
+        given.each_life();
     if (given.writes_in_place)
         fakes::instead_of_replacing = write_in_place;
     fakes::device().on_reboot = [](const std::string &) { end_life(ending::REBOOT); };

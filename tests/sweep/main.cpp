@@ -21,7 +21,8 @@ namespace {
 using namespace sweep;
 
 std::vector<scenario_group> all_groups() {
-    return {script_scenarios(), acknowledgement_scenarios(), delivery_scenarios(), staller_scenarios()};
+    return {script_scenarios(),  acknowledgement_scenarios(), delivery_scenarios(),
+            staller_scenarios(), config_scenarios(),          failsafe_scenarios()};
 }
 
 restart restart_named(const std::string &name) {

@@ -61,6 +61,18 @@ struct scenario {
     std::vector<restart> restarts = {restart::KILL, restart::REBOOT, restart::POWER_CUT, restart::TORN,
                                      restart::STALL};
 
+    surroundings around = {};
+
+    // The configuration in force at first, and those that the scenario asks for.
+    std::string former = R"({"iot": {"vantrel_iot": {"enabled": true}}})";
+    std::vector<std::string> candidates = {};
+
+    // What the device does otherwise than usual, in each life.
+    std::function<void()> each_life = nullptr;
+
+    // What holds at the end must hold after one more reboot too.
+    bool boots_once_more = false;
+
     // Not zero: changes go on for ever (a report that is repeated), and a life is looked at after so
     // many seconds.
     time_t restless_for = 0;
@@ -85,5 +97,7 @@ scenario_group script_scenarios();
 scenario_group acknowledgement_scenarios();
 scenario_group delivery_scenarios();
 scenario_group staller_scenarios();
+scenario_group config_scenarios();
+scenario_group failsafe_scenarios();
 
 } // namespace sweep

@@ -13,6 +13,7 @@ namespace {
 constexpr int MOST_LIVES = 12;
 
 constexpr char COMES_TO_REST[] = "the agent comes to rest";
+constexpr char ONCE_MORE[] = "rebooted once more";
 constexpr char REPEATS[] = "a run is the same each time";
 
 // One run of a scenario: its lives one after the other, with at most one cut.
@@ -24,8 +25,8 @@ public:
 
     void start() {
         clear_ledger();
-        make_new_device();
-        boot(restart::REBOOT);
+        make_new_device(given.former);
+        boot(restart::REBOOT, given.around);
         keep_time(START_TIME); // from here the times of the inputs count
     }
 
@@ -43,7 +44,7 @@ public:
                 return false;
             }
             crash(restart::REBOOT);
-            boot(restart::REBOOT);
+            boot(restart::REBOOT, given.around);
         }
         found(COMES_TO_REST, "it reboots again and again");
         return false;
@@ -54,7 +55,7 @@ public:
         if (!crash(kind))
             return false;
         check(true);
-        boot(kind);
+        boot(kind, given.around);
         return true;
     }
 
@@ -69,8 +70,26 @@ public:
     void live_to_the_end() {
         if (live_until({}))
             found(REPEATS, "a cut that nobody asked for");
-        if (findings.empty() || findings.back().invariant != COMES_TO_REST)
+        check_at_rest();
+    }
+
+    void check_at_rest() {
+        if (!comes_to_rest())
+            return;
+        check(false);
+        if (!given.boots_once_more)
+            return;
+        write_ledger(entry_kind::END, ONCE_MORE);
+        crash(restart::REBOOT);
+        boot(restart::REBOOT, given.around);
+        live_until({});
+        if (comes_to_rest())
             check(false);
+    }
+
+    bool comes_to_rest() const {
+        return std::none_of(findings.begin(), findings.end(),
+                            [](const finding &each) { return each.invariant == COMES_TO_REST; });
     }
 
     void found(const std::string &invariant, const std::string &text) {
@@ -102,6 +121,8 @@ std::vector<std::string> changes_of(const std::vector<entry> &ledger) {
     std::vector<std::string> changes;
     size_t moving = 0;
     for (const entry &each : ledger) {
+        if (each.kind == entry_kind::END && each.what == ONCE_MORE)
+            break;
         if (each.kind != entry_kind::CHANGE)
             continue;
         changes.push_back(each.what + (each.text.empty() ? "" : " " + each.text));
@@ -150,7 +171,7 @@ private:
         run whole(given, result);
         whole.start();
         whole.live_until({number, restart::STALL});
-        whole.check(false);
+        whole.check_at_rest();
         result.cuts[restart::STALL]++;
         keep(whole.findings, restart::STALL);
     }
@@ -197,7 +218,7 @@ std::vector<finding> run_once(const scenario &given, const cut &where) {
     one.start();
     if (where.before_change == 0 || where.kind == restart::STALL) {
         one.live_until(where);
-        one.check(false);
+        one.check_at_rest();
     } else if (one.live_until(where)) {
         one.restart_after_cut(where.kind);
         one.live_to_the_end();

@@ -1,0 +1,251 @@
+// Configurations, from the request to the commit or the way back.
+#include "tests/sweep/scenario.h"
+
+#include "tests/fakes/calls.h"
+#include "tests/fakes/config.h"
+#include "tests/fakes/files.h"
+
+namespace sweep {
+
+namespace {
+
+constexpr char FORMER[] = R"({
+    "apps": {"list": ["one"]},
+    "hardware": {"ports": 4},
+    "iot": {"vantrel_iot": {"url": "cloud.test"}},
+    "network": {"interfaces": {"gateway": "right", "address": 1},
+                "wireless": {"cell": {"enable": true, "apn": "a"}, "wifi": {"ssid": "a"}}},
+    "system": {"failsafe": {"enable": false}}})";
+
+constexpr char FAILSAFE_ON[] = R"({"enable": true, "timer": 1, "destination_ip": "192.0.2.1"})";
+constexpr char FAILSAFE_AUTO[] =
+    R"({"enable": true, "auto_mode": true, "timer": 1, "destination_ip": "192.0.2.1"})";
+
+// A request that comes just after a pass of the job manager, so that there is time before the apply; when
+// the validation has begun, and when the services restart.
+constexpr time_t REQUESTED = 6;
+constexpr time_t BEFORE_VALIDATION = 7;
+constexpr time_t DURING_VALIDATION = 10;
+constexpr time_t DURING_RESTARTS = 13;
+
+std::string compact(const Json::Value &value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+// The former configuration with other Wi-Fi, cell and address: network, firewall, Wi-Fi and modem restart.
+Json::Value changed() {
+    Json::Value config = json(FORMER);
+    config["network"]["interfaces"]["address"] = 2;
+    config["network"]["wireless"]["wifi"]["ssid"] = "b";
+    config["network"]["wireless"]["cell"]["apn"] = "b";
+    return config;
+}
+
+Json::Value with_failsafe(Json::Value config, const char *settings) {
+    config["system"]["failsafe"] = json(settings);
+    return config;
+}
+
+// One that cuts the router off.
+Json::Value locked_out(Json::Value config) {
+    config["network"]["interfaces"]["gateway"] = "wrong";
+    return config;
+}
+
+Json::Value with_member(Json::Value config, const char *section, const char *key, const Json::Value &value) {
+    config[section][key] = value;
+    return config;
+}
+
+input config_job(time_t at, const std::string &id, const Json::Value &config) {
+    Json::Value job;
+    job["jobId"] = id;
+    job["action"] = "CFG";
+    job["value"] = config;
+    job["params"]["configHash"] = fakes::hash_of(config);
+    job["params"]["configLevel"] = 0;
+    return message(at, "v1/device/job/" + id + "/apply", compact(job));
+}
+
+// As the device's own pages do it.
+std::vector<input> requested(time_t at, const Json::Value &config) {
+    return {file(at, "/var/volatile/config/config.new", compact(config)),
+            message(at, "v1/device/cmd/config/apply", R"({"source":"page"})")};
+}
+
+input abort_request(time_t at) {
+    return message(at, "v1/device/cmd/config/abort/apply", "");
+}
+
+std::vector<input> operator+(std::vector<input> first, const std::vector<input> &second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+scenario by_job(const std::string &name, const Json::Value &config) {
+    scenario given;
+    given.name = name;
+    given.inputs = {config_job(5, "55", config)};
+    given.former = FORMER;
+    given.candidates = {compact(config)};
+    given.boots_once_more = true;
+    return given;
+}
+
+scenario by_request(const std::string &name, const Json::Value &config, const std::vector<input> &more = {}) {
+    scenario given = by_job(name, config);
+    given.inputs = requested(REQUESTED, config) + more;
+    return given;
+}
+
+scenario unsupervised(scenario given) {
+    given.around.supervised = false;
+    given.restarts = {restart::KILL};
+    return given;
+}
+
+scenario where(scenario given, std::function<void()> each_life) {
+    given.each_life = std::move(each_life);
+    return given;
+}
+
+scenario kept_failsafe_copy(scenario given) {
+    const Json::Value old = with_member(json(FORMER), "apps", "list", "of an older configuration");
+    given.inputs.insert(given.inputs.begin(),
+                        {file(1, "/var/data/orv/config.failsafe", compact(old)),
+                         file(1, "/var/data/orv/config.failsafe.hash", fakes::hash_of(old))});
+    return given;
+}
+
+void timer_cannot_be_written() {
+    fakes::always_returns("write_json_file", -1, "FAILSAFE_TIMER");
+}
+
+scenario second_request(const std::string &when, time_t at) {
+    const Json::Value second = with_member(changed(), "apps", "list", "two");
+    scenario given = by_request("a second one during the " + when, changed(), requested(at, second));
+    given.candidates.push_back(compact(second));
+    return given;
+}
+
+// What the first one leaves must not get in its way.
+scenario two_jobs() {
+    const Json::Value second = with_member(changed(), "apps", "list", "two");
+    scenario given = by_job("two, one after the other", changed());
+    given.inputs.push_back(config_job(8, "56", second));
+    given.candidates.push_back(compact(second));
+    return given;
+}
+
+std::vector<scenario> without_failsafe() {
+    return {
+        by_job("a good one", changed()),
+        by_request("a good one, requested", changed()),
+        by_job("one without changes", json(FORMER)),
+        by_job("one that is invalid", with_member(changed(), "invalid", "yes", true)),
+        by_job("one whose hardware cannot be applied", with_member(changed(), "hardware", "broken", true)),
+        by_request("aborted before the validation", changed(), {abort_request(BEFORE_VALIDATION)}),
+        by_request("aborted during the validation", changed(), {abort_request(DURING_VALIDATION)}),
+        second_request("validation", DURING_VALIDATION),
+        second_request("restarts", DURING_RESTARTS),
+        two_jobs(),
+        unsupervised(by_job("a good one, agent killed alone", changed())),
+    };
+}
+
+std::vector<scenario> with_failsafe() {
+    const Json::Value good = with_failsafe(changed(), FAILSAFE_ON);
+    const Json::Value bad = locked_out(good);
+    return {
+        by_job("a good one, verified", good),
+        by_job("a lock-out", bad),
+        kept_failsafe_copy(by_job("a lock-out, auto_mode", with_failsafe(bad, FAILSAFE_AUTO))),
+        kept_failsafe_copy(by_job("a lock-out, failsafe copy kept", bad)),
+        kept_failsafe_copy(by_job("a good one, auto_mode", with_failsafe(good, FAILSAFE_AUTO))),
+        by_request("a lock-out, aborted", bad, {abort_request(25)}),
+        by_job("a lock-out that changes services", with_member(bad, "apps", "list", "two")),
+        where(by_job("no timer file", good), timer_cannot_be_written),
+        by_job("no destination", with_member(with_failsafe(changed(), R"({"enable": true})"), "iot",
+                                             "vantrel_iot", json(R"({"url": ""})"))),
+    };
+}
+
+// --- What breaks by design.
+
+constexpr char ENDS[] = "success means the candidate, failed the former or the failsafe configuration";
+constexpr char PERSISTENT[] = "the running configuration is the persistent one";
+constexpr char SERVICES[] = "the services have the running configuration";
+constexpr char HASHES[] = "every configuration matches its hash";
+constexpr char NOTHING_LEFT[] = "when nothing runs, nothing of an apply is left";
+constexpr char NO_MARKER[] = "when nothing runs, no marker is left";
+constexpr char FINAL[] = "a final status does not change";
+constexpr char REPORTED[] = "archived means reported and acknowledged";
+constexpr char ARCHIVED[] = "a stored job is archived, or cleared";
+
+constexpr char NEVER_REPORTED[] = "FAILSAFE_CONFIG is never reported.";
+constexpr char BETWEEN_COPIES[] =
+    "A cut between a configuration and its hash; boot computes both hashes anew.";
+constexpr char REQUEST_LOST[] =
+    "The request died with the agent; its candidate waits for the next one, or for boot.";
+constexpr char FINISHED_AGAIN[] =
+    "The cut came after the end was stored and before the files of the apply were gone: it is done again.";
+constexpr char LAST_WRITER_WINS[] =
+    "The second request replaces the candidate and the record while the first one is at work on them.";
+constexpr char NOT_REVERTED[] =
+    "Failed without a way back: the new configuration runs, uncommitted, until the next boot.";
+constexpr char KILLED_ALONE[] =
+    "The candidate runs already, so the agent finds nothing to do: supervision has to reboot the device.";
+constexpr char THREE_RESTARTS[] =
+    "A way back restarts network, dialer and Wi-Fi only; the others have the former one after the next boot.";
+
+std::vector<known_exception> config_exceptions() {
+    return {
+        {"killed alone", ENDS, "after success the persistent configuration is the former one", KILLED_ALONE},
+        {"killed alone", PERSISTENT, "", KILLED_ALONE},
+        {"killed alone", SERVICES, "", KILLED_ALONE},
+        {"killed alone", NO_MARKER, "CONFIG_JOB_EXECUTING", KILLED_ALONE},
+        {"killed alone", NO_MARKER, "/var/run/ACTIVE_JOB", KILLED_ALONE},
+        {"killed alone", NOTHING_LEFT, "config.new", KILLED_ALONE},
+        {"", HASHES, "/var/data/orv/config.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
+        {"one whose hardware", PERSISTENT, "the running configuration is a candidate", NOT_REVERTED},
+        {"one whose hardware", SERVICES, "", NOT_REVERTED},
+        {"", REPORTED, "FAILSAFE_CONFIG", NEVER_REPORTED},
+        {"", NOTHING_LEFT, "/var/volatile/config/config.new is", REQUEST_LOST, {restart::KILL}},
+        {"aborted", FINAL, "was failed and became success",
+         "An abort is not kept over a restart: what is finished after it is applied."},
+        {"a second one", HASHES, "does not match", LAST_WRITER_WINS},
+        {"a second one", SERVICES, "apps", LAST_WRITER_WINS},
+        {"a second one", FINAL, "was success and became", LAST_WRITER_WINS},
+        {"a second one", ENDS, "after failed the persistent configuration is a candidate", LAST_WRITER_WINS},
+    };
+}
+
+std::vector<known_exception> failsafe_exceptions() {
+    return {
+        {"", HASHES, "/var/data/orv/config.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
+        {"", HASHES, "/var/data/orv/config.failsafe.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
+        {"", FINAL, "became executed", FINISHED_AGAIN},
+        {"aborted", REPORTED, "FAILSAFE_CONFIG", NEVER_REPORTED},
+        {"aborted", NOTHING_LEFT, "/var/volatile/config/config.new is", REQUEST_LOST, {restart::KILL}},
+        {"failsafe copy kept", SERVICES, "apps", THREE_RESTARTS},
+        {"changes services", SERVICES, "apps", THREE_RESTARTS},
+        {"no timer file", PERSISTENT, "the running configuration is a candidate", NOT_REVERTED},
+        {"no destination", PERSISTENT, "the running configuration is a candidate", NOT_REVERTED},
+        {"no destination", ARCHIVED, "still active: failed",
+         "A configuration without the cloud's host: what happened is reported after the next boot."},
+    };
+}
+
+} // namespace
+
+scenario_group config_scenarios() {
+    return {"configurations", without_failsafe(), config_exceptions()};
+}
+
+scenario_group failsafe_scenarios() {
+    return {"failsafe", with_failsafe(), failsafe_exceptions()};
+}
+
+} // namespace sweep
