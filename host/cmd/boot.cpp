@@ -57,8 +57,11 @@ int note_failure(int result, const char *text, std::vector<std::string> &notes) 
 }
 
 // An apply is resumed from its job and its candidate. What is left of one without a readable job would
-// be taken for the candidate of the next job, and would refuse every request until then.
+// be taken for the candidate of the next job, and would refuse every request until then; a job without
+// its candidate has ended, or starts again by itself, and would be taken for the job of the next candidate.
 void forget_unfinished_apply(std::vector<std::string> &notes) {
+    if (!file_exists(STORED_NEW_CONFIG))
+        delete_file(STORED_ACTIVE_JOB);
     if (is_readable(STORED_ACTIVE_JOB) || !(file_exists(STORED_NEW_CONFIG) || file_exists(FAILSAFE_TIMER)))
         return;
     delete_file(STORED_NEW_CONFIG);

@@ -59,6 +59,14 @@ TEST_F(Boot, ACandidateWithoutAReadableJobIsForgotten) {
     }
 }
 
+TEST_F(Boot, AJobWithoutItsCandidateIsForgotten) {
+    write_json(conf::STORED_CONFIG, stored);
+    write_text(conf::STORED_ACTIVE_JOB, R"({"jobId": "1"})");
+    ASSERT_EQ(boot(), 0);
+    EXPECT_THAT(notes, IsEmpty());
+    EXPECT_FALSE(exists(conf::STORED_ACTIVE_JOB));
+}
+
 TEST_F(Boot, AnApplyThatWasCutShortIsKeptForItsJob) {
     write_json(conf::STORED_CONFIG, stored);
     write_json(conf::STORED_NEW_CONFIG, stored);

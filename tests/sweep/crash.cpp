@@ -28,6 +28,7 @@ const fs::path SAVED = "/dev/shm/saved";
 
 constexpr const char *ACTIVE_JOB = "/var/data/orv/ACTIVE_JOB";
 constexpr const char *STORED_CANDIDATE = "/var/data/orv/config.new";
+constexpr const char *FAILSAFE_TIMER = "/var/data/orv/FAILSAFE_TIMER";
 constexpr const char *FILLER = "/var/data/filler";
 
 constexpr unsigned long long DISK_SIZE = 512 << 10;
@@ -173,14 +174,12 @@ void rebuild_configuration() {
     refresh_hash(FAILSAFE_CONFIG, FAILSAFE_CONFIG + ".hash");
 }
 
-// The router's boot removes what belongs to no apply.
-void clear_finished_apply() {
-    const bool unfinished = exists(ACTIVE_JOB) && exists(STORED_CANDIDATE);
-    if (unfinished)
+// The router's boot: of an apply that was cut short, its job and its candidate are there.
+void forget_unfinished_apply() {
+    if (exists(ACTIVE_JOB) && exists(STORED_CANDIDATE))
         return;
-    unlinkat(AT_FDCWD, ACTIVE_JOB, 0);
-    if (active_job("FAILSAFE_CONFIG")["status"] != "received")
-        unlinkat(AT_FDCWD, STORED_CANDIDATE, 0);
+    for (const char *path : {ACTIVE_JOB, STORED_CANDIDATE, FAILSAFE_TIMER})
+        unlinkat(AT_FDCWD, path, 0);
 }
 
 } // namespace
@@ -230,7 +229,7 @@ void boot(restart kind, const surroundings &around) {
     make_boot_directories();
     rebuild_configuration();
     if (around.cleaned)
-        clear_finished_apply();
+        forget_unfinished_apply();
     start_services();
     sync_all();
 }
