@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Measurements of the real agent in a virtual router: measure.py idle|latency|drain|flash."""
+"""Measurements of the real agent in a virtual router: measure.py WHAT [--jobs N] [--seconds N]."""
 import argparse
 import os
 import random
@@ -27,8 +27,12 @@ class Bench:
         self.router = Router("bench", self.folder)
         self.router.up(build=BUILD, **options)
         self.cloud = Service(socket_of(self.router)).__enter__()
-        self.router.wait_until(lambda: "tessard 0 v1/devices/me/attributes" in self.router.log(), 30,
-                               "the agent's subscriptions")
+        self.subscribed()
+
+    def subscribed(self):
+        """Until the agent of this boot hears what is sent."""
+        self.router.wait_until(lambda: "tessard 0 v1/devices/me/attributes" in self.router.log_of_this_boot()
+                               and self.cloud.link.is_connected(), 30, "the agent's subscriptions")
 
     def __enter__(self):
         return self
@@ -141,6 +145,36 @@ def latency(arguments):
             row(name, [r[name] for r in rows])
 
 
+# --- interrupted: from the boot to the report of a script that the power cut
+
+def interrupted(arguments):
+    took = []
+    with Bench() as bench:
+        for number in range(arguments.jobs):
+            job = f"interrupted-{number}"
+            bench.subscribed()
+            bench.cloud.send_script(job, "sleep 300")
+            bench.router.wait_until(lambda: job in bench.router.run("ls /tmp"), 60, "the script to run")
+            bench.router.power_cut()
+            began = time.time()
+            took.append(bench.cloud.wait_for_status(job, "failed", 60).at - began)
+        print("required: 2 s from the start of the agent to its first pass")
+        row("agent started to failed published", took)
+
+
+# --- growth: memory after many jobs
+
+def growth(arguments):
+    with Bench(speed=arguments.speed) as bench:
+        sizes = []
+        for number in range(arguments.jobs):
+            bench.cloud.send_script(f"growth-{number}", "echo one line")
+            bench.cloud.wait_for_status(f"growth-{number}", "success", 60)
+            if number in (9, arguments.jobs - 1):
+                sizes.append(memory(bench.router, bench.pid("tessard"))[1])
+        print(f"private dirty after 10 jobs {sizes[0]} KiB, after {arguments.jobs} {sizes[-1]} KiB")
+
+
 # --- drain: reports that waited for the cloud
 
 def drain(arguments):
@@ -197,14 +231,17 @@ def newest_change(folder):
     return max(p.lstat().st_mtime_ns for p in folder.rglob("*"))
 
 
+MEASUREMENTS = {f.__name__: f for f in (idle, latency, interrupted, growth, drain, flash)}
+
+
 def main():
     top = argparse.ArgumentParser(description=__doc__)
-    top.add_argument("what", choices=("idle", "latency", "drain", "flash"))
+    top.add_argument("what", choices=tuple(MEASUREMENTS))
     top.add_argument("--seconds", type=int, default=120)
     top.add_argument("--jobs", type=int, default=20)
     top.add_argument("--speed", type=float, default=20)
     arguments = top.parse_args()
-    {"idle": idle, "latency": latency, "drain": drain, "flash": flash}[arguments.what](arguments)
+    MEASUREMENTS[arguments.what](arguments)
 
 
 main()
