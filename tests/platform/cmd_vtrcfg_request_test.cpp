@@ -95,10 +95,33 @@ TEST_F(VtrcfgRequest, ThatIsTakenBackSaysNoAndKeepsWhatWasEdited) {
 
 TEST_F(VtrcfgRequest, WithoutAnAnswerIsTrouble) {
     const broker running_broker;
+    const test_agent agent([](const std::string &) {});
     vtrcfg("set system.failsafe.timer 7");
     const answer none = vtrcfg("request --wait --timeout 1");
     EXPECT_EQ(none.code, 2);
     EXPECT_THAT(none.error, HasSubstr("has not ended in time"));
+}
+
+TEST_F(VtrcfgRequest, WithoutAnAgentLeavesNoCandidate) {
+    const broker running_broker;
+    vtrcfg("set system.failsafe.timer 7");
+    const answer refused = vtrcfg("request --timeout 1");
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_THAT(refused.error, HasSubstr("the agent does not listen"));
+    EXPECT_FALSE(exists(conf::NEW_CONFIG));
+}
+
+TEST_F(VtrcfgRequest, WaitsForAnAgentThatIsStarting) {
+    const broker running_broker;
+    vtrcfg("set system.failsafe.timer 7");
+    answer done{};
+    std::thread person([&] { done = vtrcfg("request"); });
+    for (int i = 0; i < 1000 && !exists(conf::NEW_CONFIG); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const test_agent agent([](const std::string &) {});
+    person.join();
+    EXPECT_EQ(done.code, 0) << done.error;
+    wait_for(agent, 1);
 }
 
 TEST_F(VtrcfgRequest, WithoutABrokerLeavesNoCandidate) {

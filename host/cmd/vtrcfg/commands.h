@@ -33,10 +33,10 @@ int hash(const std::string &file);
 int diff(const std::string &file);
 
 struct request_options {
-    std::string file;     // empty: the edited configuration
-    bool validate = true; // refuse what the agent would refuse
-    bool wait = false;    // until the apply has ended; 1 when the running configuration is another then
-    int wait_seconds = 900;
+    std::string file;       // empty: the edited configuration
+    bool validate = true;   // refuse what the agent would refuse
+    bool wait = false;      // until the apply has ended; 1 when the running configuration is another then
+    int wait_seconds = 900; // for the end, and of them at most 30 for an agent that listens
 };
 int request(const request_options &options);
 

@@ -4,54 +4,33 @@
 #include "host/cmd/vtrcfg/commands.h"
 #include "host/cmd/vtrcfg/documents.h"
 #include "host/cmd/vtrcfg/progress.h"
+#include "host/cmd/vtrcfg/publish.h"
 
 #include "platform/cmd.h"
 #include "platform/vantrel.h"
 
-#include <mosquittopp.h>
-
+#include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <thread>
 
 namespace vtrcfg {
 namespace {
 
 constexpr char TOPIC[] = "v1/device/cmd/config/apply";
 constexpr char PAYLOAD[] = R"({"source":"vtrcfg"})";
-constexpr auto BROKER_LIMIT = std::chrono::seconds(10);
+constexpr int LONGEST_START = 30; // seconds
 
-// Sends one message to the broker on this router and waits until the broker has it.
-class publisher : public mosqpp::mosquittopp {
-public:
-    publisher() : mosquittopp(nullptr, true) {}
-
-    bool send() {
-        if (connect("localhost", 1883, 30) != MOSQ_ERR_SUCCESS)
-            return false;
-        const auto limit = std::chrono::steady_clock::now() + BROKER_LIMIT;
-        while (!arrived && !refused && std::chrono::steady_clock::now() < limit)
-            if (loop(100, 1) != MOSQ_ERR_SUCCESS)
-                return false;
-        disconnect();
-        return arrived;
+// The agent subscribes a moment after its start, and no message waits for it.
+delivery send_request(int seconds) {
+    const auto limit =
+        std::chrono::steady_clock::now() + std::chrono::seconds(std::min(seconds, LONGEST_START));
+    delivery result = publish(TOPIC, PAYLOAD);
+    while (result == delivery::nobody && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        result = publish(TOPIC, PAYLOAD);
     }
-
-private:
-    void on_connect(int rc) override {
-        constexpr int AT_LEAST_ONCE = 1;
-        refused = rc != 0 || publish(nullptr, TOPIC, sizeof PAYLOAD - 1, PAYLOAD, AT_LEAST_ONCE, false) != 0;
-    }
-    void on_publish(int) override { arrived = true; }
-
-    bool arrived = false;
-    bool refused = false;
-};
-
-bool send_request() {
-    mosqpp::lib_init();
-    const bool sent = publisher().send();
-    mosqpp::lib_cleanup();
-    return sent;
+    return result;
 }
 
 std::string reason_to_wait() {
@@ -69,13 +48,15 @@ bool tell_faults(const std::string &file) {
     return !faults.empty();
 }
 
-void place_candidate(const Json::Value &candidate) {
+void place_candidate(const Json::Value &candidate, int seconds) {
     if (write_json_file(conf::NEW_CONFIG, candidate) != 0)
         throw trouble(std::string(conf::NEW_CONFIG) + " cannot be written");
-    if (send_request())
+    const delivery result = send_request(seconds);
+    if (result == delivery::taken)
         return;
     delete_file(conf::NEW_CONFIG);
-    throw trouble("the broker on this router does not take the request");
+    throw trouble(result == delivery::nobody ? "the agent does not listen"
+                                             : "the broker on this router does not take the request");
 }
 
 } // namespace
@@ -99,7 +80,7 @@ int request(const request_options &options) {
         return NO;
 
     progress shown;
-    place_candidate(candidate);
+    place_candidate(candidate, options.wait_seconds);
     if (!options.wait) {
         std::cout << "requested\n";
         return YES;
