@@ -70,8 +70,9 @@ TEST_F(VtrcfgRequest, ShowsTheProgressAndTheSuccess) {
     EXPECT_EQ(done.code, 0) << done.error;
     EXPECT_THAT(done.out,
                 testing::ContainsRegex("config change is queued\n.*validating config\n.*config has been "
-                                       "applied \\(no failsafe\\)\n"));
+                                       "applied \\(no failsafe\\)\nthe configuration runs\n"));
     EXPECT_EQ(vtrcfg("get system.failsafe.timer").out, "7\n");
+    EXPECT_FALSE(exists(conf::EDITED_CONFIG));
 }
 
 TEST_F(VtrcfgRequest, OfAFormerApplyShowsNothing) {
@@ -89,6 +90,7 @@ TEST_F(VtrcfgRequest, ThatIsTakenBackSaysNoAndKeepsWhatWasEdited) {
     vtrcfg("set system.failsafe.timer 7");
     const answer done = vtrcfg("request --wait --timeout 60");
     EXPECT_EQ(done.code, 1);
+    EXPECT_EQ(done.error, "vtrcfg: the configuration does not run\n");
     EXPECT_THAT(done.out, HasSubstr("failsafe timer expired, reverting to config.failsafe"));
     EXPECT_EQ(vtrcfg("get system.failsafe.timer --edited").out, "7\n");
 }

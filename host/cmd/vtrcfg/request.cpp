@@ -59,6 +59,17 @@ void place_candidate(const Json::Value &candidate, int seconds) {
                                              : "the broker on this router does not take the request");
 }
 
+int tell_end(const std::string &wanted, bool is_edited) {
+    if (current_config_hash() != wanted) {
+        std::cerr << "vtrcfg: the configuration does not run\n";
+        return NO;
+    }
+    std::cout << "the configuration runs\n";
+    if (is_edited)
+        forget_edited();
+    return YES;
+}
+
 } // namespace
 
 int request(const request_options &options) {
@@ -87,7 +98,7 @@ int request(const request_options &options) {
     }
     if (!shown.follow_to_the_end(options.wait_seconds))
         throw trouble("the apply has not ended in time; 'vtrcfg status' tells how it goes on");
-    return current_config_hash() == wanted ? YES : NO;
+    return tell_end(wanted, is_edited);
 }
 
 } // namespace vtrcfg
