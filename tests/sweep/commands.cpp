@@ -4,6 +4,7 @@
 #include "tests/fakes/clock.h"
 #include "tests/fakes/device.h"
 #include "tests/fakes/files.h"
+#include "tests/sweep/firmware.h"
 #include "tests/sweep/ledger.h"
 #include "tests/sweep/scheduler.h"
 #include "tests/sweep/services.h"
@@ -154,6 +155,8 @@ bool run_count(const std::string &command, int &status) {
 
 bool run_command(const std::string &command, int &status) {
     if (run_count(command, status))
+        return true;
+    if (run_firmware_command(command, status))
         return true;
     if (run_service_command(command)) {
         status = 0;

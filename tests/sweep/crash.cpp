@@ -3,6 +3,7 @@
 #include "tests/fakes/clock.h"
 #include "tests/fakes/config.h"
 #include "tests/fakes/files.h"
+#include "tests/sweep/firmware.h"
 #include "tests/sweep/ledger.h"
 #include "tests/sweep/services.h"
 
@@ -182,6 +183,19 @@ void forget_unfinished_apply() {
         unlinkat(AT_FDCWD, path, 0);
 }
 
+// An upgrade that is over, or was cut before its end.
+void forget_upgrade() {
+    if (exists("/var/data/orv/FIRMWARE_UPDATED"))
+        return;
+    for (const std::string name : {"LOCAL_FW_UPGRADE", "config.staged", "config.staged.hash"})
+        unlinkat(AT_FDCWD, ("/var/data/orv/" + name).c_str(), 0);
+}
+
+void clean_up() {
+    forget_unfinished_apply();
+    forget_upgrade();
+}
+
 } // namespace
 
 const char *name_of(restart kind) {
@@ -196,6 +210,7 @@ void make_new_device(const std::string &config) {
     limit_var_data(DISK_SIZE);
     make_boot_directories();
     given_config(SAVED_CONFIG, SAVED_HASH, config);
+    make_slots();
 }
 
 void follow_writes() {
@@ -229,7 +244,8 @@ void boot(restart kind, const surroundings &around) {
     make_boot_directories();
     rebuild_configuration();
     if (around.cleaned)
-        forget_unfinished_apply();
+        clean_up();
+    boot_slot();
     start_services();
     sync_all();
 }
@@ -244,6 +260,10 @@ void restore_files() {
         empty_directory(folder);
         mirror_into(SAVED / folder.relative_path(), folder);
     }
+}
+
+void flush_files() {
+    sync_all();
 }
 
 void put_file(const std::string &path, const std::string &text) {

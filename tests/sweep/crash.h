@@ -43,6 +43,9 @@ void boot(restart kind, const surroundings &around = {});
 void save_files();
 void restore_files();
 
+// All that stands below /var/data/orv is on the flash, as after sync.
+void flush_files();
+
 // A file that the world writes, on the flash at once.
 void put_file(const std::string &path, const std::string &text);
 

@@ -267,8 +267,8 @@ std::vector<invariant> job_invariants() {
 const std::vector<invariant> &invariants() {
     static const std::vector<invariant> ALL = [] {
         auto all = job_invariants();
-        for (const invariant &each : config_invariants())
-            all.push_back(each);
+        for (const auto &more : {config_invariants(), firmware_invariants()})
+            all.insert(all.end(), more.begin(), more.end());
         return all;
     }();
     return ALL;

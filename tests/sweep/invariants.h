@@ -27,6 +27,7 @@ struct invariant {
 
 std::vector<invariant> job_invariants();
 std::vector<invariant> config_invariants();
+std::vector<invariant> firmware_invariants();
 
 const std::vector<invariant> &invariants();
 

@@ -3,6 +3,7 @@
 #include "tests/fakes/agent_entry.h"
 #include "tests/fakes/agent_test.h"
 #include "tests/sweep/commands.h"
+#include "tests/sweep/firmware.h"
 #include "tests/sweep/ledger.h"
 #include "tests/sweep/scheduler.h"
 #include "tests/sweep/services.h"
@@ -68,6 +69,12 @@ int write_in_place(const std::string &path, const std::string &text) {
     return fakes::write_all(path, text);
 }
 
+[[noreturn]] void reboot(const std::string &function) {
+    if (function == "switch_firmware_partition")
+        switch_slot();
+    end_life(ending::REBOOT);
+}
+
 [[noreturn]] void live(const scenario &given, const cut &where) {
     cut_here = where;
     longest_life = given.restless_for != 0 ? given.restless_for : LONGEST_LIFE;
@@ -76,11 +83,12 @@ int write_in_place(const std::string &path, const std::string &text) {
     write_ledger(entry_kind::BOOT, "life");
     follow_writes();
     enter_services();
+    enter_firmware([] { end_life(ending::REBOOT); });
     if (given.each_life)
         given.each_life();
     if (given.writes_in_place)
         fakes::instead_of_replacing = write_in_place;
-    fakes::device().on_reboot = [](const std::string &) { end_life(ending::REBOOT); };
+    fakes::device().on_reboot = reboot;
     install_commands([] { end_life(ending::REBOOT); });
     enter_world(given);
     fakes::before_change = before_change;

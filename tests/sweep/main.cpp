@@ -22,7 +22,8 @@ using namespace sweep;
 
 std::vector<scenario_group> all_groups() {
     return {script_scenarios(),  acknowledgement_scenarios(), delivery_scenarios(),
-            staller_scenarios(), config_scenarios(),          failsafe_scenarios()};
+            staller_scenarios(), config_scenarios(),          failsafe_scenarios(),
+            upgrade_scenarios(), other_firmware_scenarios()};
 }
 
 restart restart_named(const std::string &name) {

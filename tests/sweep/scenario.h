@@ -99,5 +99,7 @@ scenario_group delivery_scenarios();
 scenario_group staller_scenarios();
 scenario_group config_scenarios();
 scenario_group failsafe_scenarios();
+scenario_group upgrade_scenarios();
+scenario_group other_firmware_scenarios();
 
 } // namespace sweep

@@ -16,7 +16,7 @@ void start_services();
 
 // In the process of a life, after follow_writes: the configuration library's validator, change list and
 // hardware, the modem's state, and what the network reaches follow what the services have. The validator
-// rejects a configuration with "invalid", the hardware one with "hardware.broken"; both take time.
+// rejects a configuration with "invalid" (true, or the version of the firmware that does), the hardware one with "hardware.broken"; both take time.
 void enter_services();
 
 // A service's restart command. False when it is none.

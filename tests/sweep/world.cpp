@@ -92,6 +92,10 @@ void enter_world(const scenario &given) {
     };
 }
 
+void send_later(time_t seconds, const std::string &topic, const std::string &text) {
+    pending.push_back({fakes::now() + seconds, "sent later", {0, text, topic, nullptr}});
+}
+
 bool step_world() {
     std::stable_sort(pending.begin(), pending.end(),
                      [](const event &left, const event &right) { return left.at < right.at; });

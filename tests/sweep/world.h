@@ -13,6 +13,9 @@ void enter_world(const scenario &given);
 // there was one.
 bool step_world();
 
+// A message that comes in so many seconds, from a program that ends with this life.
+void send_later(time_t seconds, const std::string &topic, const std::string &text);
+
 // Nothing is due any more.
 bool world_is_done();
 
