@@ -4,6 +4,7 @@
 #include "tests/fakes/config.h"
 #include "tests/fakes/files.h"
 #include "tests/sweep/crash.h"
+#include "tests/sweep/ledger.h"
 #include "tests/sweep/scheduler.h"
 #include "tests/sweep/world.h"
 
@@ -99,6 +100,7 @@ void make_slots() {
 void boot_slot() {
     const std::string slot = slot_to_boot();
     fakes::write_all(BOOTED_SLOT, slot);
+    write_ledger(entry_kind::BOOT, "slot " + slot);
     if (slot == "2")
         fakes::write_all(ROOTFS2, "");
     else

@@ -4,6 +4,8 @@
 #include "tests/fakes/files.h"
 #include "tests/sweep/firmware.h"
 
+#include <algorithm>
+
 namespace sweep {
 
 namespace {
@@ -26,12 +28,18 @@ breakages whole_configuration_runs(const evidence &) {
     return broken;
 }
 
-void check_end(const std::string &id, const Json::Value &status, breakages &broken) {
+bool has_booted_new_slot(const evidence &seen) {
+    return std::any_of(seen.ledger.begin(), seen.ledger.end(), [](const entry &each) {
+        return each.kind == entry_kind::BOOT && each.what == std::string("slot ") + NEW_SLOT;
+    });
+}
+
+void check_end(const evidence &seen, const std::string &id, const Json::Value &status, breakages &broken) {
     const bool wrong = (status == "success" && booted_slot() != NEW_SLOT) ||
                        (status == "failed" && booted_slot() != OLD_SLOT);
     if (wrong)
         broken.push_back("job " + id + " is a " + status.asString() + ", and slot " + booted_slot() +
-                         " runs");
+                         " runs" + (has_booted_new_slot(seen) ? " now" : " as ever"));
 }
 
 // The record of an upgrade at the router itself is gone at its end.
@@ -40,12 +48,12 @@ breakages end_tells_slot(const evidence &seen) {
     for (const std::string folder : {ACTIVE_FOLDER, ARCHIVE_FOLDER})
         for (const std::string &id : names_in(folder))
             if (const Json::Value job = file_json(folder + id); job.isObject() && job["action"] == "FW")
-                check_end(id, job["status"], broken);
+                check_end(seen, id, job["status"], broken);
     Json::Value local_end;
     for (const entry &each : seen.ledger)
         if (each.kind == entry_kind::STORED && each.what == "LOCAL_FW_UPGRADE")
             local_end = json(each.text)["status"];
-    check_end("LOCAL_FW_UPGRADE", local_end, broken);
+    check_end(seen, "LOCAL_FW_UPGRADE", local_end, broken);
     if (booted_slot() != slot_to_boot())
         broken.push_back("slot " + booted_slot() + " runs, and slot " + slot_to_boot() + " is to boot");
     return broken;

@@ -181,7 +181,7 @@ constexpr char NEVER_CHECKED[] =
 
 std::vector<known_exception> upgrade_exceptions() {
     return {
-        {"", ENDS, "job 66 is a success, and slot 1 runs", SUCCESS_UNMARKED},
+        {"", ENDS, "job 66 is a success, and slot 1 runs now", SUCCESS_UNMARKED},
         {"",
          ENDS,
          "job 66 is a failed, and slot 2 runs",
@@ -197,7 +197,7 @@ std::vector<known_exception> upgrade_exceptions() {
 std::vector<known_exception> other_exceptions() {
     return {
         {"a local upgrade", ARCHIVED, "LOCAL_FW_UPGRADE is lost", OWN_RECORD},
-        {"a local upgrade", ENDS, "a success, and slot 1 runs", NOT_LOOKED_AT},
+        {"a local upgrade", ENDS, "a success, and slot 1 runs as ever", NOT_LOOKED_AT},
         {"configuration refused",
          ENDS,
          "a failed, and slot 2 runs",
