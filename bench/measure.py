@@ -5,6 +5,7 @@ import os
 import random
 import shutil
 import statistics
+import subprocess
 import sys
 import tempfile
 import time
@@ -201,11 +202,14 @@ def flash(arguments):
     with Bench() as bench:
         router = bench.router
         active = router.state / "data/orv/vantrel_iot/jobs/active"
-        watched = subprocess_watch(active)
-        bench.cloud.send_script("flash-1", "echo one line")
-        bench.cloud.wait_for_status("flash-1", "success", 60)
-        bench.cloud.wait(lambda c: any(m.topic.endswith("checkin/apply") for m in c.messages), 60, "the check-in")
-        events = watched()
+        watched = watch_renames(active)
+        try:
+            bench.cloud.send_script("flash-1", "echo one line")
+            bench.cloud.wait_for_status("flash-1", "success", 60)
+            bench.cloud.wait(lambda c: any(m.topic.endswith("checkin/apply") for m in c.messages), 60,
+                             "the check-in")
+        finally:
+            events = watched()
         print(f"job file replaced {events.count('MOVED_TO')} times, moved away {events.count('MOVED_FROM')} times")
         data = router.state / "data"
         before = newest_change(data)
@@ -214,8 +218,8 @@ def flash(arguments):
         print(f"idle for {arguments.seconds} s: /var/data {'unchanged' if quiet else 'CHANGED'}")
 
 
-def subprocess_watch(folder):
-    import subprocess
+def watch_renames(folder):
+    """Watches until what it returns is called; that returns the events."""
     watcher = subprocess.Popen(["inotifywait", "-m", "-q", "-e", "moved_to,moved_from", "--format", "%e", str(folder)],
                                stdout=subprocess.PIPE, text=True)
     time.sleep(0.5)
