@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -62,42 +64,77 @@ bool unshare_namespaces() {
     return true;
 }
 
-// A directory that the new mounts may cover, kept open so that it can be bound back.
+// A directory of the real machine that stays in sight at its own path, kept open while mounts cover it.
 struct kept_directory {
-    std::string path;
-    int fd;
+    fs::path path;
+    int fd = -1;
+    bool writable = false;
 };
 
+// The build tree of this program: the folder above it that CMake has configured. Empty for a program
+// that was copied out of one.
+fs::path build_tree() {
+    for (fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();; folder = folder.parent_path()) {
+        if (fs::exists(folder / "CMakeCache.txt"))
+            return folder;
+        if (folder == folder.root_path())
+            return {};
+    }
+}
+
+// The source tree that a build tree was configured for.
+fs::path source_tree_of(const fs::path &build) {
+    const std::string key = "CMAKE_HOME_DIRECTORY:INTERNAL=";
+    std::ifstream cache(build / "CMakeCache.txt");
+    for (std::string line; std::getline(cache, line);)
+        if (line.compare(0, key.size(), key) == 0)
+            return fs::weakly_canonical(line.substr(key.size()));
+    return {};
+}
+
+// Source before build tree, which most often lies in it: the later mount is the upper one.
 std::vector<kept_directory> keep_directories() {
-    std::vector<kept_directory> kept;
-    std::error_code none;
-    for (const std::string &path :
-         {std::string(TESSARD_SOURCE_DIR), std::string(TESSARD_BINARY_DIR), fs::current_path(none).string()})
-        if (const int fd = open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); fd >= 0)
-            kept.push_back({path, fd});
+    const fs::path build = build_tree();
+    if (build.empty())
+        return {};
+    std::vector<kept_directory> kept{{source_tree_of(build), -1, false}, {build, -1, true}};
+    for (auto &directory : kept) {
+        directory.fd = open(directory.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        if (directory.fd < 0)
+            refuse("open " + directory.path.string());
+    }
     return kept;
 }
 
-bool lies_below_a_mount(const std::string &path) {
-    static const std::array<std::string, 6> COVERED = {"/var/", "/run/",     "/tmp/",
-                                                       "/dev/", "/usr/bin/", "/usr/sbin/"};
-    for (const auto &prefix : COVERED)
-        if (path.compare(0, prefix.size(), prefix) == 0)
-            return true;
-    return false;
+void make_read_only(const std::string &path) {
+    mount_attr attributes{};
+    attributes.attr_set = MOUNT_ATTR_RDONLY;
+    if (mount_setattr(AT_FDCWD, path.c_str(), AT_RECURSIVE, &attributes, sizeof attributes) != 0)
+        refuse("make read-only " + path);
 }
 
 void bind_back(const std::vector<kept_directory> &kept) {
     for (const auto &directory : kept) {
-        if (lies_below_a_mount(directory.path)) {
-            fs::create_directories(directory.path);
-            mount_or_refuse(("/proc/self/fd/" + std::to_string(directory.fd)).c_str(), directory.path,
-                            nullptr, MS_BIND | MS_REC);
-        }
+        fs::create_directories(directory.path);
+        mount_or_refuse(("/proc/self/fd/" + std::to_string(directory.fd)).c_str(), directory.path, nullptr,
+                        MS_BIND | MS_REC);
+        if (!directory.writable)
+            make_read_only(directory.path);
         close(directory.fd);
     }
-    if (!kept.empty() && chdir(kept.back().path.c_str()) != 0)
-        refuse("chdir " + kept.back().path);
+}
+
+bool lies_in(const fs::path &path, const fs::path &folder) {
+    return std::mismatch(folder.begin(), folder.end(), path.begin(), path.end()).first == folder.end();
+}
+
+// A current directory that lies elsewhere is left: what a test writes there by a relative path would be
+// the user's.
+void enter_current_directory(const fs::path &path, const std::vector<kept_directory> &kept) {
+    const bool stays = std::any_of(kept.begin(), kept.end(),
+                                   [&](const auto &directory) { return lies_in(path, directory.path); });
+    if (chdir(stays ? path.c_str() : "/") != 0)
+        refuse("chdir");
 }
 
 void mount_overlay(const std::string &path, bool in_user_namespace) {
@@ -169,6 +206,8 @@ void enter_private_root() {
     const bool in_user_namespace = unshare_namespaces();
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         refuse("private mounts");
+    std::error_code unknown;
+    const fs::path current = fs::current_path(unknown);
     const auto kept = keep_directories();
 
     mount_or_refuse("layers", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV);
@@ -180,6 +219,7 @@ void enter_private_root() {
     mount_own_dev();
     mount_var();
     bind_back(kept);
+    enter_current_directory(current, kept);
     raise_loopback();
     make_boot_directories();
 }
@@ -191,16 +231,25 @@ void make_boot_directories() {
         fs::create_directories(path);
 }
 
+bool is_mount_point(const std::string &path) {
+    struct statx status {};
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, 0, &status) != 0)
+        throw std::system_error(errno, std::generic_category(), path);
+    if ((status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0)
+        throw std::runtime_error("this kernel does not tell what is a mount point: " + path);
+    return (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
 void empty_directory(const std::string &path) {
-    struct stat own {};
-    stat(path.c_str(), &own);
     for (const auto &entry : fs::directory_iterator(path)) {
-        struct stat inner {};
-        lstat(entry.path().c_str(), &inner);
-        if (inner.st_dev != own.st_dev && S_ISDIR(inner.st_mode))
+        if (is_mount_point(entry.path()))
+            continue;
+        if (entry.is_directory() && !entry.is_symlink()) {
             empty_directory(entry.path());
-        else
-            fs::remove_all(entry.path());
+            if (!fs::is_empty(entry.path()))
+                continue; // the way to a mount
+        }
+        fs::remove(entry.path());
     }
 }
 

@@ -16,8 +16,9 @@
 //   /usr/bin, /usr/sbin  overlays, for stub commands (write_stub)
 //   /dev            null, zero, full, random, urandom, tty, shm and pts only; no /dev/log
 //   network         nothing but lo, which is up
-// The directories that the device's boot makes exist (make_boot_directories). The clone and the
-// build tree stay reachable and writable at their own path, also below one of these.
+// The directories that the device's boot makes exist (make_boot_directories). The source tree stays in
+// sight at its own path, read-only, and the build tree that this program lies in, writable: also where
+// they lie below one of these. A current directory that lies elsewhere is left for /.
 //
 // Call it first in main, before any thread. Where the kernel or a container refuses, it says so on
 // standard error and ends the process with PRIVATE_ROOT_REFUSED.
@@ -30,8 +31,12 @@ constexpr int PRIVATE_ROOT_REFUSED = 77;
 // /var/data/orv, /var/volatile/orv, /var/volatile/config. Those that exist stay as they are.
 void make_boot_directories();
 
-// Removes everything inside a directory, not the directory itself; mount points stay, emptied.
+// Removes everything inside a directory, not the directory itself. What is mounted below it stays as it
+// is, at any depth, with the folders on the way there: it may be the real machine's.
 void empty_directory(const std::string &path);
+
+// Whether something is mounted right there: a folder, or a file that is bound. Throws when it is missing.
+bool is_mount_point(const std::string &path);
 
 // Gives /var/data room for this many bytes from now on (what it holds already stays).
 void limit_var_data(unsigned long long bytes);
