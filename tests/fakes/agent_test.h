@@ -11,6 +11,7 @@
 //   config.h   fakes::config(), set_config, given_config (also sysdb and the device token)
 //   clock.h    set_time, advance, sleeps, run_for
 //   log.h      log_lines, opened_logs;  matchers.h  Alert, Error, Notice, Info, Debug, HasMembers
+//   list_is.h  ListIs
 //   calls.h    will_return, always_returns, calls, calls_of: for tests where order is required
 #pragma once
 
@@ -19,6 +20,7 @@
 #include "tests/fakes/config.h"
 #include "tests/fakes/device.h"
 #include "tests/fakes/files.h"
+#include "tests/fakes/list_is.h"
 #include "tests/fakes/log.h"
 #include "tests/fakes/matchers.h"
 #include "tests/fakes/mqtt.h"

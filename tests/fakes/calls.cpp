@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <future>
 #include <map>
 
 namespace {
@@ -96,4 +97,13 @@ std::vector<std::string> calls_of(std::initializer_list<const char *> functions)
 std::vector<fakes::call> all_calls() {
     const auto held = fakes::hold();
     return journal;
+}
+
+bool free_for_another_thread(std::mutex &mutex) {
+    return std::async(std::launch::async,
+                      [&] {
+                          const std::unique_lock lock(mutex, std::try_to_lock);
+                          return lock.owns_lock();
+                      })
+        .get();
 }

@@ -55,7 +55,7 @@ void reset_calls();
 
 // --- For tests that read: "function text", in order.
 
-// All changes and pauses: EXPECT_THAT(calls(), ElementsAre("delete_file /tmp/x", "sleep 2")).
+// All changes and pauses: EXPECT_THAT(calls(), ListIs("delete_file /tmp/x", "sleep 2")).
 std::vector<std::string> calls();
 
 // Only those of the named functions, of any kind: calls_of({"send_message", "syslog"}). The text of
@@ -64,3 +64,6 @@ std::vector<std::string> calls_of(std::initializer_list<const char *> functions)
 
 // Everything, with kinds.
 std::vector<fakes::call> all_calls();
+
+// Another thread could lock it now: in before_change, whether a step runs with a mutex held.
+bool free_for_another_thread(std::mutex &mutex);

@@ -4,6 +4,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <syslog.h>
 #include <vector>
 
 struct log_line {

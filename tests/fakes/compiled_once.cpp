@@ -1,0 +1,2 @@
+#define COMPILED_ONCE
+#include "tests/fakes/compiled_once.h"
