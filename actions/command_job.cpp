@@ -1,6 +1,6 @@
 #include "actions/command_job.h"
 
-#include "actions/device_commands.h"
+#include "actions/requests/device_requests.h"
 #include "actions/results_upload.h"
 #include "actions/script_file.h"
 #include "jobs/job_record.h"
@@ -53,7 +53,7 @@ void request_file_transfer(Json::Value &job, const std::string &value) {
 
 void report_cmd(Json::Value &job) {
     syslog(LOG_DEBUG, "execute_action_cmd update_job_status %s", job.get(KEY_STATUS, "").asString().c_str());
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
     delete_file(FW_JOBID_FILE);
 }
 
@@ -82,7 +82,7 @@ void run_cmd(Json::Value &job) {
 
 void fail_script_job(Json::Value &job) {
     job[KEY_STATUS] = STATUS_FAILED;
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 }
 
 void reboot_if_requested(const Json::Value &job) {
@@ -106,7 +106,7 @@ void run_script(Json::Value &job, const std::string &script_path, const std::str
         job[KEY_STATUS] = STATUS_SUCCESS;
         reboot_if_requested(job);
     }
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
     clear_job_cli_script(job);
 }
 
@@ -123,7 +123,7 @@ void run_script_job(Json::Value &job) {
 
     job[KEY_STATUS] = STATUS_EXECUTED;
     job[KEY_FAIL_ON_REBOOT] = true; // a reboot from here on fails the job
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 
     std::string script_path;
     std::string output_path;
@@ -164,7 +164,7 @@ int run_critical_script(Json::Value &job) {
 
 void execute_action_cmd(Json::Value &job) try { run_cmd(job); } catch (...) {
     job[KEY_STATUS] = STATUS_FAILED;
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
     delete_file(FW_JOBID_FILE);
     syslog(LOG_DEBUG, "execute cmd: exception handler");
 }

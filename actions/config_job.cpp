@@ -29,13 +29,13 @@ void fail_config_job(Json::Value &job, const char *msg) {
     syslog(LOG_ERR, "config job failed");
     job[KEY_STATUS] = STATUS_FAILED;
     delete_file(FW_JOBID_FILE);
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 }
 
 void end_config_job(Json::Value &job, const char *status, const char *msg) {
     job[KEY_MSG] = msg;
     job[KEY_STATUS] = status;
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
     delete_file(FW_JOBID_FILE);
 }
 
@@ -74,7 +74,7 @@ void pass_on(Json::Value &job, const Json::Value &config) {
     log_outcome(job);
     job[KEY_STATUS] = STATUS_EXECUTED;
     job[KEY_CFG_VERIFIED] = false;
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 }
 
 void check_config(Json::Value &job, const Json::Value &config, const std::string &provided_hash) {

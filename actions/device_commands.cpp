@@ -1,5 +1,6 @@
 #include "actions/device_commands.h"
 
+#include "actions/requests/device_requests.h"
 #include "jobs/job_record.h"
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"
@@ -10,14 +11,12 @@
 
 #include <syslog.h>
 
-int cmd_message_id = 1000;
-
 namespace {
 
 void fail_xtra(Json::Value &job, const char *msg) {
     job[KEY_MSG] = msg;
     job[KEY_STATUS] = STATUS_FAILED;
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
     delete_file(FW_JOBID_FILE);
 }
 
@@ -45,23 +44,16 @@ void execute_action_cfgpush(Json::Value &job) {
         job[KEY_STATUS] = STATUS_FAILED;
         job[KEY_MSG] = NO_VALUE_MSG;
         syslog(LOG_DEBUG, "%s", NO_VALUE_MSG);
-        update_job_status(job, 1);
+        update_job_status(job, POST_STATUS);
         return;
     }
     job[KEY_STATUS] = STATUS_EXECUTED;
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 
     Json::Value command;
     command[KEY_VALUE] = job[KEY_VALUE];
     command["session"] = job.get(KEY_ACK_ID, Json::Value());
     command[KEY_JOB_ID] = job.get(KEY_JOB_ID, Json::Value());
-    publish_command(nullptr, CFGPUSH_TOPIC, command_text(command));
-}
-
-void request_full_cfgpush() {
-    Json::Value command;
-    command[KEY_VALUE] = "/";
-    command["session"] = static_cast<Json::Int>(time(nullptr));
     publish_command(nullptr, CFGPUSH_TOPIC, command_text(command));
 }
 
@@ -75,14 +67,4 @@ void job_action_xtra(Json::Value &job) {
         fail_xtra(job, "expecting fileUrl property");
     else
         request_xtra(job);
-}
-
-std::string command_text(const Json::Value &command) {
-    tessard *client = iot_client;
-    return client ? client->serialize(command) : std::string();
-}
-
-void publish_command(int *message_id, const char *topic, const std::string &payload) {
-    if (tessard *client = iot_client)
-        client->send_message(message_id, topic, payload);
 }

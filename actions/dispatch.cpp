@@ -22,7 +22,7 @@ struct action_handler {
 void run_config_job(tessard &client, Json::Value &job) {
     execute_config_job(job);
     if (job.get(KEY_STATUS, "").asString() == STATUS_EXECUTED)
-        cmd_apply(client, job, false);
+        cmd_apply(client, job, WITHOUT_FW_UPGRADE);
 }
 
 // Compared whole, in this order.
@@ -30,7 +30,8 @@ constexpr action_handler ACTIONS[] = {
     {ACTION_FW, [](tessard &, Json::Value &job) { execute_action_fw_install(job); }},
     {ACTION_CMD, [](tessard &, Json::Value &job) { execute_action_cmd(job); }},
     {ACTION_CFG, run_config_job},
-    {ACTION_FAILSAFE_CONFIG, [](tessard &client, Json::Value &job) { cmd_apply(client, job, false); }},
+    {ACTION_FAILSAFE_CONFIG,
+     [](tessard &client, Json::Value &job) { cmd_apply(client, job, WITHOUT_FW_UPGRADE); }},
     {ACTION_POST_CONFIG, [](tessard &, Json::Value &job) { execute_action_cfgpush(job); }},
     {ACTION_XTRA, [](tessard &, Json::Value &job) { job_action_xtra(job); }},
 };
@@ -49,5 +50,5 @@ void execute_job_action(tessard &client, Json::Value &job) {
     }
     job[KEY_STATUS] = STATUS_FAILED;
     job[KEY_MSG] = "job contains no action property"; // sic: for an unknown action
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 }

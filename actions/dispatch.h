@@ -1,7 +1,7 @@
 // Chooses what a job does by its "action".
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 // Runs the action, which sets the job's "status" and "msg" and reports them. An unknown action fails the
 // job; a job without "action" is left as it is. Runs on the job manager thread (or on the MQTT thread, in a

@@ -11,6 +11,7 @@
 #include "platform/vtrsec.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include <syslog.h>
 
@@ -65,7 +66,7 @@ void fail_upgrade(Json::Value &job) {
         syslog(LOG_ALERT, "firmware update failed: %s", text_of(job, KEY_MSG).c_str());
     else
         syslog(LOG_ALERT, "firmware update failed");
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 }
 
 void take_error_code(Json::Value &job) {
@@ -109,7 +110,7 @@ void run_fw_upgrade(Json::Value &job) {
     }
     job[KEY_PARTITION2] = is_rootfs2();
     job[KEY_STATUS] = STATUS_EXECUTED;
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 
     char token[TOKEN_SIZE] = "";
     if (get_device_token(TOKEN_SIZE, token) != 0) {
@@ -131,19 +132,19 @@ void start_dfota(Json::Value &job) {
         job[KEY_STATUS] = STATUS_FAILED;
         set_radiofw_job_executing(false);
     }
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 }
 
 // Once more with the status as it stands: the job manager had to force it back to "executed".
 void report_overridden(Json::Value &job) {
     if (job.isMember(KEY_OVERRIDE_STATUS))
-        update_job_status(job, 1);
+        update_job_status(job, POST_STATUS);
 }
 
 void revert_upgrade(Json::Value &job) {
     report_overridden(job);
     job[KEY_STATUS] = STATUS_FAILED;
-    finalise_fw_install(job, true);
+    finalise_fw_install(job, SWITCH_PARTITION);
 }
 
 void complete_upgrade(Json::Value &job) {
@@ -155,7 +156,7 @@ void complete_upgrade(Json::Value &job) {
         syslog(LOG_ALERT, "FW upgrade completed %s %s", msg.c_str(), text_of(job, KEY_STATUS).c_str());
     }
     job[KEY_STATUS] = STATUS_SUCCESS;
-    finalise_fw_install(job, false);
+    finalise_fw_install(job, KEEP_PARTITION);
 }
 
 } // namespace
@@ -167,10 +168,10 @@ void execute_action_fw_install(Json::Value &job) {
     if (!job.isMember(KEY_VALUE)) {
         job[KEY_STATUS] = STATUS_FAILED;
         job[KEY_MSG] = "missing required value=<url>'"; // sic: the stray quote
-        update_job_status(job, 1);
+        update_job_status(job, POST_STATUS);
         // goes on after the failure: the upgrade is still tried
     }
-    if (is_true(job.get(KEY_PARAMS, Json::Value()), KEY_RADIO))
+    if (is_true(std::as_const(job)[KEY_PARAMS], KEY_RADIO))
         qtel_dfota(job);
     else
         fw_upgrade(job);
@@ -216,7 +217,7 @@ void check_fw_upgrade_result(tessard &client, Json::Value &job) {
     if (is_rootfs2() == job[KEY_PARTITION2].asBool()) {
         syslog(LOG_ALERT, "FW upgrade failed current partition has not changed.");
         job[KEY_STATUS] = STATUS_FAILED;
-        finalise_fw_install(job, false); // the former partition is the running one
+        finalise_fw_install(job, KEEP_PARTITION); // the former partition is the running one
         return;
     }
     if (stage_upgrade_config(job) != 0 || verify_upgrade_config(client, job) != 0) {

@@ -3,7 +3,7 @@
 // All run inside a pass, with job_manager_mutex held.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 // A job with action "FW". params "radio" selects the modem. Marks the job as the one in progress for the time.
 // Throws Json::Exception when "jobId" is no text.

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include <curl/curl.h>
 #include <syslog.h>
@@ -22,7 +23,7 @@ constexpr long LOWEST_SPEED_TIME_S = 60L;
 std::string endpoint(const char *scheme, const std::string &host, int port, int default_port) {
     std::string url = scheme + host;
     if (port != default_port)
-        url += ":" + std::to_string(port);
+        url.append(":").append(std::to_string(port));
     return url;
 }
 
@@ -32,18 +33,28 @@ bool are_cloud_settings(const Json::Value &iot) {
            iot.get("protocol", "").isConvertibleTo(Json::stringValue);
 }
 
-struct free_handle {
+// One deleter a type: CURL is void, and one that takes it would take any pointer.
+struct cleanup_handle {
     void operator()(CURL *handle) const { curl_easy_cleanup(handle); }
+};
+struct free_form {
     void operator()(curl_mime *form) const { curl_mime_free(form); }
+};
+struct free_headers {
     void operator()(curl_slist *headers) const { curl_slist_free_all(headers); }
+};
+struct free_data {
     void operator()(response_buffer *response) const { free(response->data); }
 };
 
-template <class T> using owned = std::unique_ptr<T, free_handle>;
+using owned_handle = std::unique_ptr<CURL, cleanup_handle>;
+using owned_form = std::unique_ptr<curl_mime, free_form>;
+using owned_headers = std::unique_ptr<curl_slist, free_headers>;
+using owned_data = std::unique_ptr<response_buffer, free_data>;
 
 // The receiving end expects an empty JSON part before the file.
-owned<curl_mime> results_form(CURL *handle, const char *file_path) {
-    owned<curl_mime> form(curl_mime_init(handle));
+owned_form results_form(CURL *handle, const char *file_path) {
+    owned_form form(curl_mime_init(handle));
     curl_mime_type(curl_mime_addpart(form.get()), "application/json");
     curl_mimepart *file = curl_mime_addpart(form.get());
     curl_mime_name(file, "file");
@@ -54,7 +65,7 @@ owned<curl_mime> results_form(CURL *handle, const char *file_path) {
 } // namespace
 
 void post_job_results(Json::Value &job, const std::string &output_path) {
-    const Json::Value params = job.get(KEY_PARAMS, Json::Value());
+    const Json::Value &params = std::as_const(job)[KEY_PARAMS];
     if (!params.isMember(PARAM_POST_RESULTS) || !params[PARAM_POST_RESULTS].asBool())
         return;
     std::string url;
@@ -88,10 +99,10 @@ int http_post_results_file(const char *url, const char *file_path) {
     syslog(LOG_NOTICE, "post job results %s to %s", file_path, url);
     // cleaned up from the last to the first: the handle before what it points to
     response_buffer response;
-    const owned<response_buffer> response_owner(&response);
-    const owned<curl_slist> headers(curl_slist_append(nullptr, "Expect:")); // no 100-continue handshake
-    owned<curl_mime> form;
-    const owned<CURL> handle(curl_easy_init());
+    const owned_data response_owner(&response);
+    const owned_headers headers(curl_slist_append(nullptr, "Expect:")); // no 100-continue handshake
+    owned_form form;
+    const owned_handle handle(curl_easy_init());
     if (!handle)
         return -1;
 
@@ -118,6 +129,7 @@ int http_post_results_file(const char *url, const char *file_path) {
 size_t results_write_callback(char *data, size_t size, size_t count, void *buffer) {
     auto *response = static_cast<response_buffer *>(buffer);
     const size_t length = size * count;
+    // sic: without memory the former data is lost, and the transfer ends
     response->data = static_cast<char *>(realloc(response->data, response->size + length + 1));
     if (!response->data) {
         syslog(LOG_NOTICE, "not enough memory (realloc returned NULL)");

@@ -9,6 +9,8 @@
 #include <ctime>
 #include <memory>
 
+#include <sched.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 namespace {
@@ -46,6 +48,18 @@ int write_preamble(FILE *file, const std::string &output_path, const std::string
         output_path.c_str(), job_id.c_str(), job_id.c_str());
 }
 
+// A script may hold a passphrase: it never exists with more rights than its owner's. The mask of modes belongs to
+// the process, and what the other thread makes or starts meanwhile is for others to read: so this thread leaves
+// the common one for good (unshare(2), CLONE_FS) before it changes it. errno is fopen's.
+FILE *create_private_file(const std::string &path) {
+    if (unshare(CLONE_FS) != 0)
+        return fopen(path.c_str(), "w");
+    const mode_t former_mask = umask(077);
+    FILE *file = fopen(path.c_str(), "w");
+    umask(former_mask);
+    return file;
+}
+
 struct file_closer {
     void operator()(FILE *file) const { fclose(file); }
 };
@@ -61,7 +75,7 @@ int generate_cli_script(Json::Value &job, std::string &script_path, std::string 
     write_job_file(job); // the path must be known even if the agent dies during the run
 
     delete_file(script_path.c_str());
-    const std::unique_ptr<FILE, file_closer> file(fopen(script_path.c_str(), "w"));
+    const std::unique_ptr<FILE, file_closer> file(create_private_file(script_path));
     if (!file) {
         error = std::string("failed to generate command job script: ") + strerror(errno);
         return -1;

@@ -1,9 +1,9 @@
 #include "agent/acknowledgements.h"
 
-#include "jobs/job_manager.h"
 #include "jobs/job_record.h"
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"
+#include "jobs/manager/job_manager.h"
 #include "jobs/markers.h"
 #include "platform/vantrel.h"
 
@@ -125,7 +125,7 @@ void cmd_ack(tessard &client, const mosquitto_message *message) {
         job[KEY_STATUS] = STATUS_FAILED;
     }
     syslog(LOG_DEBUG, "cmd_ack update_job_status %s", job[KEY_STATUS].asString().c_str());
-    update_job_status(job, 1);
+    update_job_status(job, POST_STATUS);
 }
 
 void job_update(tessard &client, const mosquitto_message *message) try {
@@ -148,7 +148,7 @@ void job_update(tessard &client, const mosquitto_message *message) try {
     if (!update.isMember("rc"))
         return;
     if (take_update(job, update))
-        update_job_status(job, 1);
+        update_job_status(job, POST_STATUS);
 } catch (...) {
     syslog(LOG_DEBUG, "job_update: exception handler");
 }

@@ -5,7 +5,7 @@
 // nothing.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 // v1/device/job/<id>/pub_ack: the answer to a status report. rc 200 marks the stored job acknowledged;
 // the 101st refusal fails and archives it. A refusal before that changes nothing on disk. Never throws.

@@ -4,7 +4,7 @@
 // All run on the main thread inside the message hook, with the client's message_mutex held.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 // v1/device/cmd/<name>/apply, but not the abort topic. A name with "metainit" rebuilds the meta data; one
 // with "config" queues a configuration change, which is refused while a failsafe verification runs.
@@ -26,5 +26,5 @@ void process_config_reset(tessard &client, const char *request);
 void process_attribute(tessard &client, const Json::Value &attributes);
 
 // True when the access level of the path in the running configuration equals level. May run on any
-// thread.
+// thread. Nobody in the agent calls it.
 bool config_acl_level_is(tessard &client, const char *path, int level);

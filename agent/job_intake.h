@@ -4,7 +4,7 @@
 // delete job files without any lock of the job manager.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 #include <string>
 

@@ -1,7 +1,7 @@
 // The main thread's loop: MQTT traffic, the active-job count and the watchdog.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 #include <ctime>
 

@@ -1,6 +1,7 @@
 #include "config/apply.h"
 
-#include "agent/abort_request.h"
+#include "agent/requests/abort_request.h"
+#include "config/apply_progress.h"
 #include "config/change_actions.h"
 #include "config/commit.h"
 #include "config/config_files.h"
@@ -22,6 +23,13 @@ namespace {
 
 constexpr unsigned PAUSE_AFTER_REPORT_S = 2;
 
+// What the steps of one apply work on.
+struct apply_context {
+    tessard &client;
+    Json::Value &job;
+    bool after_fw_upgrade; // the candidate came with a firmware that runs for the first time
+};
+
 void end_as(Json::Value &job, const char *status, const char *msg) {
     job[KEY_MSG] = msg;
     job[KEY_STATUS] = status;
@@ -35,11 +43,11 @@ void begin_apply(const Json::Value &job) {
     set_active_job(job);
 }
 
-bool take_candidate(Json::Value &job, bool after_fw_upgrade) {
-    if (!after_fw_upgrade)
+bool take_candidate(const apply_context &apply) {
+    if (!apply.after_fw_upgrade)
         sync_new_config();
     if (!file_exists(NEW_CONFIG.config)) {
-        end_as(job, STATUS_FAILED, "config apply has no new config to apply");
+        end_as(apply.job, STATUS_FAILED, "config apply has no new config to apply");
         return false;
     }
     encode_encrypt_fields_config_file(NEW_CONFIG.config, nullptr);
@@ -55,25 +63,25 @@ bool candidate_equals_running() {
            strcmp(new_hash, running_hash) == 0;
 }
 
-bool aborted(tessard &client, Json::Value &job, const char *when) {
-    if (!check_abort(client, job))
+bool aborted(const apply_context &apply, const char *when) {
+    if (!check_abort(apply.client, apply.job))
         return false;
-    end_as(job, STATUS_FAILED, "cmd apply aborted");
+    end_as(apply.job, STATUS_FAILED, "cmd apply aborted");
     update_config_apply_status(when);
     return true;
 }
 
-bool validate_candidate(Json::Value &job, bool after_fw_upgrade) {
+bool validate_candidate(const apply_context &apply) {
     std::string result = "Validation not run";
     if (config_validator(NEW_CONFIG.config, result) == 0) {
-        show_progress(job, "config validation successful");
+        show_progress(apply.job, "config validation successful");
         return true;
     }
     constexpr char FAILED_MSG[] = "config validation failed";
-    end_as(job, STATUS_FAILED, FAILED_MSG);
-    job[KEY_VALIDATION_RESULT] = result;
+    end_as(apply.job, STATUS_FAILED, FAILED_MSG);
+    apply.job[KEY_VALIDATION_RESULT] = result;
     syslog(LOG_NOTICE, "%s : %s", FAILED_MSG, result.c_str());
-    if (after_fw_upgrade)
+    if (apply.after_fw_upgrade)
         syslog(LOG_ALERT, "%s : %s", FAILED_MSG, result.c_str());
     return false;
 }
@@ -118,43 +126,43 @@ bool prepare_failsafe(Json::Value &settings) {
     return true;
 }
 
-void apply_valid_candidate(tessard &client, Json::Value &job, bool after_fw_upgrade) {
+void apply_valid_candidate(const apply_context &apply) {
     const Json::Value changes = replace_running_config();
     Json::Value settings;
     const bool failsafe = prepare_failsafe(settings);
-    job[KEY_FAILSAFE_ENABLED] = failsafe;
-    show_progress(job, "applying new config");
+    apply.job[KEY_FAILSAFE_ENABLED] = failsafe;
+    show_progress(apply.job, "applying new config");
 
-    if (apply_config_changes(job, changes, after_fw_upgrade) != 0) {
-        end_as(job, STATUS_FAILED, "failure applying new config"); // the running configuration stays
+    if (apply_config_changes(apply.job, changes, apply.after_fw_upgrade) != 0) {
+        end_as(apply.job, STATUS_FAILED, "failure applying new config"); // the running configuration stays
         return;
     }
     if (failsafe) {
-        failsafe_verify(client, settings, changes, job);
+        failsafe_verify(apply.client, settings, changes, apply.job);
         return;
     }
     commit_running_config();
-    end_as(job, STATUS_SUCCESS, "config has been applied (no failsafe)");
-    publish_config_updates(client, job_id_of(job), changes);
+    end_as(apply.job, STATUS_SUCCESS, "config has been applied (no failsafe)");
+    publish_config_updates(apply.client, job_id_of(apply.job), changes);
 }
 
-void apply_candidate(tessard &client, Json::Value &job, bool after_fw_upgrade) {
-    if (!take_candidate(job, after_fw_upgrade))
+void apply_candidate(const apply_context &apply) {
+    if (!take_candidate(apply))
         return;
-    if (!after_fw_upgrade && candidate_equals_running()) {
+    if (!apply.after_fw_upgrade && candidate_equals_running()) {
         constexpr char UNCHANGED_MSG[] = "no config changes to apply";
-        end_as(job, STATUS_SUCCESS, UNCHANGED_MSG);
+        end_as(apply.job, STATUS_SUCCESS, UNCHANGED_MSG);
         syslog(LOG_NOTICE, "%s", UNCHANGED_MSG);
         return;
     }
-    show_progress(job, "validating config");
-    if (aborted(client, job, "Aborting before config validator"))
+    show_progress(apply.job, "validating config");
+    if (aborted(apply, "Aborting before config validator"))
         return;
-    if (!validate_candidate(job, after_fw_upgrade))
+    if (!validate_candidate(apply))
         return;
-    if (aborted(client, job, "Aborting after config validator"))
+    if (aborted(apply, "Aborting after config validator"))
         return;
-    apply_valid_candidate(client, job, after_fw_upgrade);
+    apply_valid_candidate(apply);
 }
 
 void report_end(Json::Value &job) {
@@ -185,7 +193,7 @@ void cmd_apply(tessard &client, Json::Value &job, bool after_fw_upgrade) {
     // What a step throws fails the job, and keeps no mark from being cleared.
     try {
         begin_apply(job);
-        apply_candidate(client, job, after_fw_upgrade);
+        apply_candidate({client, job, after_fw_upgrade});
     } catch (...) {
         syslog(LOG_NOTICE, "cmd_apply: exception handler");
         if (job.isObject())

@@ -56,5 +56,5 @@ void recover_config_job(tessard &client) {
     Json::Value job;
     if (read_json_file(ACTIVE_JOB_COPY, job) != 0)
         return; // nobody to report to; boot removes a candidate whose job cannot be read
-    cmd_apply(client, job, false);
+    cmd_apply(client, job, WITHOUT_FW_UPGRADE);
 }

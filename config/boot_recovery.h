@@ -2,7 +2,7 @@
 // job_manager_mutex around the apply, and let exceptions out to the thread's guard.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 // Verifies the configuration staged by a firmware upgrade that was started on the device; keeps the new
 // firmware and reboots, or goes back to the former one.

@@ -1,7 +1,6 @@
 #include "config/commit.h"
 
 #include "config/config_files.h"
-#include "jobs/job_record.h"
 #include "jobs/job_store.h"
 #include "platform/cmd.h"
 #include "platform/vantrel.h"
@@ -15,11 +14,6 @@ void commit_running_config() {
     save_hw_config_section_to_nv();
 }
 
-void publish_config_updates(tessard &client, const std::string &job_id, const Json::Value &changes) {
-    for (const Json::Value &change : changes)
-        client.send_message(nullptr, "v1/device/config/" + change["path"].asString() + "/update", job_id);
-}
-
 void delete_new_config_files() {
     delete_file(NEW_CONFIG.config);
     delete_file(NEW_CONFIG.hash);
@@ -29,13 +23,4 @@ void delete_new_config_files() {
 void clear_failsafe_markers() {
     delete_file(FAILSAFE_TIMER_FILE);
     delete_file(CONFIG_MODIFIED_FILE);
-}
-
-void show_progress(Json::Value &job, const char *msg) {
-    job[KEY_MSG] = msg;
-    update_config_apply_status(msg);
-}
-
-int post_status_of_apply(const Json::Value &job) {
-    return text_of(job, KEY_ACTION) == ACTION_FW ? 0 : 1;
 }

@@ -1,7 +1,8 @@
 #include "config/failsafe.h"
 
-#include "actions/device_commands.h"
-#include "agent/abort_request.h"
+#include "actions/requests/device_requests.h"
+#include "agent/requests/abort_request.h"
+#include "config/apply_progress.h"
 #include "config/change_actions.h"
 #include "config/commit.h"
 #include "config/config_files.h"
@@ -192,7 +193,7 @@ void failsafe_verify(tessard &client, const Json::Value &settings, const Json::V
     }
     job[KEY_STATUS] = STATUS_EXECUTED;
     show_progress(job, "verifying new config");
-    update_job_status(job, 0);
+    update_job_status(job, STORE_ONLY);
 
     const modem_state modem = examine_modem(changes, job);
     wait_for_dialer(modem, job);

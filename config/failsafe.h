@@ -4,7 +4,7 @@
 // Runs inside the apply and blocks it for up to the period (minutes) and a minute for the modem manager.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 // settings: "system.failsafe", with "timer" (minutes, 5 when missing) and "destination_ip" (the cloud's host
 // when missing). Waits for the modem manager's restart and the cellular connection where the changes

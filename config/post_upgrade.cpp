@@ -14,7 +14,7 @@ namespace {
 
 // Empty when the configuration is staged and its hash verified; else what is wrong.
 std::string stage_and_check(const Json::Value &job) {
-    const Json::Value params = job.get(KEY_PARAMS, Json::Value());
+    const Json::Value &params = job[KEY_PARAMS];
     if (!params.isObject() || !params.isMember(PARAM_CFG))
         return "Error, FW upgrade job missing required cfg. Reverting to previous FW";
     if (write_json_file(STAGED_CONFIG.config, params[PARAM_CFG]) != 0)
@@ -55,7 +55,7 @@ int verify_upgrade_config(tessard &client, Json::Value &job) try {
     {
         const metaConfig prepared(true, NEW_CONFIG.config, nullptr); // prepares the candidate's meta data
     }
-    cmd_apply(client, job, true);
+    cmd_apply(client, job, AFTER_FW_UPGRADE);
     if (job.get(KEY_STATUS, "").asString() == STATUS_FAILED) {
         constexpr char FAILED_MSG[] = "FW upgrade config verification failed. Reverting to previous FW";
         job[KEY_MSG] = FAILED_MSG;

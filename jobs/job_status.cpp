@@ -6,6 +6,7 @@
 #include "platform/vantrel.h"
 
 #include <ctime>
+#include <mutex>
 #include <string_view>
 
 #include <syslog.h>
@@ -19,10 +20,13 @@ namespace {
 constexpr int REPEAT_INTERVAL_S = 20;
 constexpr unsigned PAUSE_AFTER_PUBLISH_S = 2;
 
-// One for all jobs and both threads; begins with the time of the first call.
-std::atomic<int32_t> &next_repeat_time(int32_t now) {
-    static std::atomic<int32_t> next{now};
-    return next;
+// Before it no report is repeated: one for all jobs and both threads.
+std::atomic<int32_t> next_repeat_time{0};
+
+// The first call of update_job_status, whatever it is about, says from when on reports are repeated.
+void begin_repeats(int32_t now) {
+    static std::once_flag begun;
+    std::call_once(begun, [now] { next_repeat_time = now; });
 }
 
 bool needs_ack(std::string_view status) {
@@ -42,10 +46,9 @@ bool is_stored_already(const Json::Value &job, const std::string &job_id, const 
 }
 
 bool repeat_is_due(const Json::Value &job, int32_t now) {
-    std::atomic<int32_t> &next = next_repeat_time(now);
-    if (!job.isMember(KEY_ACK) || job[KEY_ACK].asBool() || next >= now)
+    if (!job.isMember(KEY_ACK) || job[KEY_ACK].asBool() || next_repeat_time >= now)
         return false;
-    next = now + REPEAT_INTERVAL_S;
+    next_repeat_time = now + REPEAT_INTERVAL_S;
     syslog(LOG_DEBUG, "%s: sending repeat job status, next:%d now:%d", "update_job_status",
            now + REPEAT_INTERVAL_S, now);
     return true;
@@ -95,7 +98,7 @@ int *next_status_message_id() {
 
 void update_job_status(Json::Value &job, int post_status) try {
     const auto now = static_cast<int32_t>(time(nullptr));
-    next_repeat_time(now);
+    begin_repeats(now);
     if (!job.isMember(KEY_JOB_ID) || !job.isMember(KEY_STATUS)) {
         syslog(LOG_NOTICE, "job object must contain jobid and status");
         return;

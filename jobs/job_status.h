@@ -2,7 +2,7 @@
 // acknowledged. Runs on both threads, without a lock of its own.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 #include <atomic>
 
@@ -16,6 +16,10 @@ extern int status_message_id;
 
 // Increments status_message_id, just before a publish, and returns its address.
 int *next_status_message_id();
+
+// post_status of update_job_status.
+inline constexpr int POST_STATUS = 1;
+inline constexpr int STORE_ONLY = 0;
 
 // Records the status that the record bears ("received", "executed", "success" and "failed" must be
 // acknowledged, any other not) in the record and its file, and publishes it when post_status is not

@@ -43,6 +43,26 @@ int compare_job_mtime(const dirent **a, const dirent **b) {
     return a_info.st_mtime < b_info.st_mtime ? 1 : 0;
 }
 
+// scandir's result. size() is -1 when the directory cannot be read.
+class job_dir_listing {
+public:
+    job_dir_listing() : count(scandir(ACTIVE_JOB_DIR, &entries, nullptr, compare_job_mtime)) {}
+    ~job_dir_listing() {
+        for (int i = 0; i < count; ++i)
+            free(entries[i]);
+        free(entries);
+    }
+    job_dir_listing(const job_dir_listing &) = delete;
+    job_dir_listing &operator=(const job_dir_listing &) = delete;
+
+    int size() const { return count; }
+    const char *name(int i) const { return entries[i]->d_name; }
+
+private:
+    dirent **entries = nullptr;
+    int count;
+};
+
 } // namespace
 
 std::string active_job_path(const std::string &job_id) {
@@ -123,24 +143,21 @@ bool is_fw_job(const std::string &job_id) {
 }
 
 int get_active_job_list(Json::Value &job_ids) {
-    dirent **entries = nullptr;
-    const int count = scandir(ACTIVE_JOB_DIR, &entries, nullptr, compare_job_mtime);
-    if (count < 0) {
+    const job_dir_listing listing;
+    if (listing.size() < 0) {
         perror("scandir");
         return -1;
     }
 
     std::vector<dated_name> jobs;
-    for (int i = count - 1; i >= 0; --i) {
-        const std::string name = entries[i]->d_name;
-        free(entries[i]);
+    for (int i = listing.size() - 1; i >= 0; --i) {
+        const std::string name = listing.name(i);
         if (name == "." || name == "..")
             continue;
         struct stat info = {};
         stat_active(name.c_str(), info);
         jobs.push_back({info.st_mtime, name});
     }
-    free(entries);
 
     // A sort that takes scandir's two answers (older, not older) for an order of three may leave the list
     // wrong; here only "older" is asked.

@@ -42,7 +42,7 @@ int check_job_file(const std::string &job_id);
 // whichever job it names. Nothing without a "jobId".
 void archive_job_file(const Json::Value &job);
 
-// Also deletes the FW_JOBID marker when it names this job. Always 0.
+// Also deletes the FW_JOBID marker when it names this job. Always 0. Nobody in the agent calls it.
 int delete_job_file(const std::string &job_id);
 
 // The FW_JOBID marker names this job.

@@ -41,13 +41,16 @@ bool is_config_job_executing();
 bool is_radiofw_job_executing();
 bool is_critical_job_executing();
 
-// Writes the value into DEV_MGMT and WD_MGMT; "#FLAG_VALUE2" only into those that exist.
+// Writes the value into DEV_MGMT and WD_MGMT; "#FLAG_VALUE2" only into those that exist. Nobody in the agent
+// calls it.
 void set_dev_mgmt_flags(const char *value);
 
-// "CELL_CONNECTED" in the system database is not zero; false when it cannot be read.
+// "CELL_CONNECTED" in the system database is not zero; false when it cannot be read. Nobody in the
+// agent calls it.
 bool is_cell_connected();
 
-// The root device named on the kernel's command line, into a buffer of VAR_FILE_SIZE bytes. 0 ok.
+// The root device named on the kernel's command line, into a buffer of VAR_FILE_SIZE bytes. 0 ok. Nobody
+// in the agent calls it.
 int get_current_partition(char *buffer);
 
 // The device runs from the second root file system.

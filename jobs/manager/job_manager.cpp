@@ -1,16 +1,16 @@
-#include "jobs/job_manager.h"
+#include "jobs/manager/job_manager.h"
 
 #include "actions/dispatch.h"
 #include "actions/firmware_job.h"
-#include "agent/checkin.h"
+#include "agent/requests/checkin.h"
 #include "config/apply.h"
 #include "config/boot_recovery.h"
 #include "config/post_upgrade.h"
 #include "jobs/job_record.h"
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"
+#include "jobs/manager/reset_button.h"
 #include "jobs/markers.h"
-#include "jobs/reset_button.h"
 #include "platform/vantrel.h"
 
 #include <ctime>
@@ -94,7 +94,7 @@ void repair_job(const std::string &job_id, int32_t now, bool fw_pending) {
     if (fw_pending) {
         syslog(LOG_ALERT, "FW job corrupted, reverting to previous FW");
         job[KEY_ACTION] = ACTION_FW;
-        finalise_fw_install(job, true);
+        finalise_fw_install(job, SWITCH_PARTITION);
         return;
     }
     syslog(LOG_ALERT, "repairing and failing corrupt or missing job %s", job_id.c_str());
@@ -136,7 +136,7 @@ void check_job_of_unverified_firmware(Json::Value &job) {
         syslog(LOG_ALERT, "override FW job status '%s' with 'executed'", status.c_str());
         job[KEY_STATUS] = STATUS_EXECUTED;
         job[KEY_OVERRIDE_STATUS] = true;
-        update_job_status(job, 1);
+        update_job_status(job, POST_STATUS);
         return;
     }
     if (!job.isMember(KEY_ACTION) || !job.isMember(KEY_JOB_ID))
@@ -146,7 +146,7 @@ void check_job_of_unverified_firmware(Json::Value &job) {
         syslog(LOG_ALERT, "firmware update in progress, but active job %s action is %s",
                job_id_of(job).c_str(), as_text(action).c_str());
     job[KEY_STATUS] = STATUS_FAILED;
-    finalise_fw_install(job, true);
+    finalise_fw_install(job, SWITCH_PARTITION);
 }
 
 void verify_firmware(tessard &client, Json::Value &job) {
@@ -160,7 +160,7 @@ void resume_executed_job(tessard &client, Json::Value &job, const std::string &j
     if (is_true(job, KEY_FAIL_ON_REBOOT)) {
         syslog(LOG_ALERT, "job: %s was interrupted by reboot, setting status to FAILED", job_id.c_str());
         job[KEY_STATUS] = STATUS_FAILED;
-        update_job_status(job, 1);
+        update_job_status(job, POST_STATUS);
     }
     const Json::Value action = job.get(KEY_ACTION, "");
     if (is_fw_action(action)) {
@@ -168,7 +168,7 @@ void resume_executed_job(tessard &client, Json::Value &job, const std::string &j
             verify_firmware(client, job);
     } else if (action == ACTION_CFG) {
         if (job.isMember(KEY_CFG_VERIFIED) && !job[KEY_CFG_VERIFIED].asBool())
-            cmd_apply(client, job, false);
+            cmd_apply(client, job, WITHOUT_FW_UPGRADE);
     }
 }
 
@@ -229,7 +229,7 @@ int process_completed_job(tessard &client, const std::string &job_id) try {
 
     const bool archived_unacknowledged = job_id == ID_FAILSAFE_CONFIG || job_id == ID_POST_CONFIG;
     if (!archived_unacknowledged && !job.get(KEY_ACK, false).asBool()) {
-        update_job_status(job, 1);
+        update_job_status(job, POST_STATUS);
         return 0;
     }
     archive_and_check_in(client, job, job_id);
@@ -252,7 +252,7 @@ void process_active_job(tessard &client, const std::string &job_id) {
 
     const std::string status = job.get(KEY_STATUS, "").asString();
     if (status == STATUS_RECEIVED) {
-        update_job_status(job, 1);
+        update_job_status(job, POST_STATUS);
         execute_job_action(client, job);
     } else if (status == STATUS_EXECUTED) {
         resume_executed_job(client, job, job_id);

@@ -1,15 +1,14 @@
-#include "agent/tessard.h"
-
-#include "agent/abort_request.h"
+// The first rule that matches a message's topic decides which handler gets it.
 #include "agent/acknowledgements.h"
+#include "agent/client/tessard.h"
+#include "agent/client/topics.h"
 #include "agent/config_topics.h"
 #include "agent/job_intake.h"
-#include "agent/topics.h"
+#include "agent/requests/abort_request.h"
 
 #include <string_view>
 
 #include <syslog.h>
-#include <unistd.h>
 
 namespace {
 
@@ -51,8 +50,9 @@ void dispatch_attributes(tessard &client, const mosquitto_message *message) {
         process_attribute(client, attributes);
 }
 
-// The first rule that matches decides.
-void dispatch(tessard &client, const mosquitto_message *message) {
+} // namespace
+
+void route_message(tessard &client, const mosquitto_message *message) {
     const std::string_view topic = message->topic;
     if (contains(topic, JOB_TOPIC))
         dispatch_job(client, message);
@@ -64,28 +64,4 @@ void dispatch(tessard &client, const mosquitto_message *message) {
         process_config_reset(client, payload_text(message));
     else if (contains(topic, ATTRIBUTES_TOPIC))
         dispatch_attributes(client, message);
-}
-
-} // namespace
-
-tessard::tessard(const char *client_id, const char *host, int port)
-    : mqtt_orv(client_id, host, port, false) {}
-
-tessard::~tessard() = default;
-
-void tessard::derived_on_connect(int rc) {
-    if (rc != 0)
-        return;
-    for (const char *topic : SUBSCRIBED_TOPICS)
-        subscribe(nullptr, topic, 0);
-}
-
-void tessard::derived_on_message(const mosquitto_message *message) {
-    syslog(LOG_DEBUG, "%d on_message: topic[%s]", getpid(), message->topic);
-    const std::lock_guard lock(message_mutex);
-    try {
-        dispatch(*this, message);
-    } catch (...) {
-        syslog(LOG_NOTICE, "on_message: exception handler");
-    }
 }

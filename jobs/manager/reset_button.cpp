@@ -1,4 +1,4 @@
-#include "jobs/reset_button.h"
+#include "jobs/manager/reset_button.h"
 
 #include "jobs/job_status.h"
 #include "jobs/job_store.h"

@@ -4,7 +4,7 @@
 // apply, normally the job manager's. They share client.abort_request_time, which is not kept across restarts.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 // Records the time of the request.
 void request_abort(tessard &client);

@@ -1,4 +1,4 @@
-#include "agent/checkin.h"
+#include "agent/requests/checkin.h"
 
 #include "jobs/job_status.h"
 

@@ -1,7 +1,7 @@
 // The job manager: the second thread. Runs, resumes, re-reports, repairs and archives jobs.
 #pragma once
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 #include <string>
 

@@ -1,5 +1,5 @@
 // The agent's one MQTT client: subscribes the request topics on every connection and hands every
-// received message to its handler.
+// received message to the front end.
 #pragma once
 
 #include "platform/mqtt_orv.h"
@@ -36,3 +36,8 @@ public:
     // The cloud has reported itself connected. Nothing of the agent reads it.
     bool cloud_connected = false;
 };
+
+// Finds the handler of a received message by its topic and runs it; a topic that no rule matches is dropped.
+// Declared here and defined by the front end, the one thing that the client asks of what stands above it.
+// Runs inside the message hook, with message_mutex held. Throws what a handler throws.
+void route_message(tessard &client, const mosquitto_message *message);

@@ -1,4 +1,4 @@
-#include "agent/abort_request.h"
+#include "agent/requests/abort_request.h"
 
 #include "jobs/job_record.h"
 #include "platform/cmd.h"
