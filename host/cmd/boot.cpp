@@ -1,6 +1,7 @@
 #include "host/cmd/boot.h"
 
 #include "host/cmd/config_copies.h"
+#include "host/cmd/judgement.h"
 #include "host/cmd/paths.h"
 #include "host/cmd/text_file.h"
 
@@ -8,37 +9,35 @@
 #include "platform/vantrel.h"
 #include "platform/vtrsec.h"
 
-#include <array>
-
 namespace conf {
 namespace {
 
-bool is_readable(const char *path) {
-    Json::Value config;
-    return read_config(path, config) == 0;
+// The configuration to run; empty when there is none at all. What is not valid is better than nothing.
+std::string best_config(std::vector<std::string> &notes) {
+    const bool readable = is_readable(STORED_CONFIG);
+    if (readable && (upgrade_is_under_way() || defect_of(STORED_CONFIG).empty()))
+        return STORED_CONFIG;
+    const choice found = choose_from({STORED_CONFIG, FAILSAFE_CONFIG});
+    notes.insert(notes.end(), found.refused.begin(), found.refused.end());
+    if (!found.paths.empty())
+        return found.paths.front();
+    for (const char *path : {STORED_CONFIG, FAILSAFE_CONFIG, DEFAULT_CONFIG})
+        if (is_readable(path))
+            return path;
+    return "";
 }
 
-// 0 when there is a whole persistent configuration at the end.
-int mend_stored_config(std::vector<std::string> &notes) {
-    if (is_readable(STORED_CONFIG))
+// 0 when the persistent configuration is the one to run.
+int mend_stored_config(const std::string &best, std::vector<std::string> &notes) {
+    if (best == STORED_CONFIG)
         return 0;
-    for (const char *substitute : {FAILSAFE_CONFIG, DEFAULT_CONFIG})
-        if (install_config(substitute, STORED_CONFIG, STORED_HASH) == 0) {
-            notes.push_back(std::string("no readable ") + STORED_CONFIG + ": replaced by " + substitute);
-            return 0;
-        }
-    notes.push_back(std::string("no readable ") + STORED_CONFIG + ", and nothing to replace it by");
-    return -1;
-}
-
-int refresh_hash(const char *config_path, const char *hash_path) {
-    Json::Value config;
-    if (read_config(config_path, config) != 0)
+    const char *missing = file_exists(STORED_CONFIG) ? "" : "missing, and ";
+    if (install_config(best.c_str(), STORED_CONFIG, STORED_HASH) != 0) {
+        notes.push_back(std::string(STORED_CONFIG) + " cannot be replaced by " + best + ", which runs now");
         return -1;
-    std::array<char, 128> stored{};
-    if (read_hash(hash_path, stored.data()) == 0 && config_hash(config) == stored.data())
-        return 0;
-    return calculate_and_write_config_hash(config_path, hash_path);
+    }
+    notes.push_back(std::string(STORED_CONFIG) + " is " + missing + "replaced by " + best);
+    return 0;
 }
 
 int encode_running(std::vector<std::string> &notes) {
@@ -73,11 +72,16 @@ void forget_unfinished_apply(std::vector<std::string> &notes) {
 
 int boot_configuration(std::vector<std::string> &notes) {
     forget_unfinished_apply(notes);
-    if (mend_stored_config(notes) != 0 ||
-        note_failure(copy_file(STORED_CONFIG, RUNNING_CONFIG),
+    const std::string best = best_config(notes);
+    if (best.empty()) {
+        notes.push_back(std::string("there is no ") + STORED_CONFIG + ", and nothing to replace it by");
+        return -1;
+    }
+    int result = mend_stored_config(best, notes);
+    if (note_failure(copy_file(best.c_str(), RUNNING_CONFIG),
                      "the running configuration could not be written", notes) != 0)
         return -1;
-    int result = note_failure(cmd_metainit(), "the image's meta data cannot be used", notes);
+    result |= note_failure(cmd_metainit(), "the image's meta data cannot be used", notes);
     result |= encode_running(notes);
     result |= note_failure(refresh_hash(RUNNING_CONFIG, RUNNING_HASH),
                            "the running hash could not be written", notes);

@@ -2,8 +2,9 @@
 #include "host/cmd/canonical.h"
 #include "host/cmd/config_copies.h"
 #include "host/cmd/dotted.h"
-#include "host/cmd/host_cmd.h"
 #include "host/cmd/meta.h"
+
+#include "platform/cmd.h"
 
 namespace {
 
@@ -15,6 +16,10 @@ std::string area_text(const Json::Value &canonical_config, const std::string &pa
 
 } // namespace
 
+// Compares canonical values, so encoded and plain sensitive fields are equal. The order is that of the
+// areas' "order". A former configuration that is missing or broken counts as empty: every area is
+// applied then. Fails, with an empty list, when the new one is missing or no JSON object, or there is no
+// meta data.
 int get_config_change_list(const char *old_path, const char *new_path, Json::Value &changes) try {
     changes = Json::Value(Json::arrayValue);
     const auto meta = conf::load_meta();

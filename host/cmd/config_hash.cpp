@@ -1,10 +1,10 @@
 // The hash of a configuration: the SHA-256 of its canonical text in lower-case hexadecimal. A hash
 // file holds it as one line.
 #include "host/cmd/canonical.h"
-#include "host/cmd/host_cmd.h"
 #include "host/cmd/paths.h"
 #include "host/vantrel/atomic_file.h"
 
+#include "platform/cmd.h"
 #include "platform/vantrel.h"
 
 #include <openssl/evp.h>
@@ -37,6 +37,8 @@ std::string config_hash(const Json::Value &config) try {
     return "";
 }
 
+// Fails, and leaves the hash file as it was, when the configuration is missing or no JSON object, or the
+// hash file cannot be written.
 int calculate_and_write_config_hash(const char *config_path, const char *hash_path) try {
     Json::Value config;
     if (read_json_file(config_path, config) != 0 || !config.isObject())
@@ -47,6 +49,7 @@ int calculate_and_write_config_hash(const char *config_path, const char *hash_pa
     return -1;
 }
 
+// Fails, and leaves the buffer as it was, when the file is missing or empty or its line is too long.
 int read_hash(const char *hash_path, char *buffer) {
     std::array<char, 256> line{};
     if (read_var_file(hash_path, line.data()) != 0)
@@ -59,6 +62,7 @@ int read_hash(const char *hash_path, char *buffer) {
     return 0;
 }
 
+// Computed from config.running itself, not read from its hash file; empty when it cannot be read.
 std::string current_config_hash() try {
     Json::Value running;
     if (read_json_file(conf::RUNNING_CONFIG, running) != 0 || !running.isObject())

@@ -1,10 +1,10 @@
 // The hardware section of the configuration.
 #include "host/cmd/config_copies.h"
 #include "host/cmd/dotted.h"
-#include "host/cmd/host_cmd.h"
 #include "host/cmd/meta_files.h"
 #include "host/cmd/paths.h"
 
+#include "platform/cmd.h"
 #include "platform/vantrel.h"
 
 #include <net/if.h>
@@ -44,6 +44,10 @@ int conf::refresh_hardware_settings() {
     return write_if_different(HARDWARE_SETTINGS, hardware);
 }
 
+// The section becomes the hardware settings in RAM (hardware.running), which drivers read, and the meta
+// file is made anew for it. Fails, and changes nothing, when the section is missing, a port that it
+// enables does not exist as a network device, or there is no usable meta data; fails too when a write
+// fails.
 int cmd_hwconfig() try {
     Json::Value running;
     Json::Value hardware;
@@ -56,6 +60,9 @@ int cmd_hwconfig() try {
     return -1;
 }
 
+// The section to the persistent config.hardware, where an early boot finds it before there is a running
+// configuration. Fails, and leaves the stored one, when the running configuration has none or the write
+// fails. What is stored already is not written again.
 int save_hw_config_section_to_nv() try {
     Json::Value running;
     Json::Value hardware;

@@ -1,6 +1,10 @@
-// Meta data between the image, RAM and persistent storage.
+// Meta data between the image, RAM and persistent storage:
+//
+//   image's meta folder --cmd_metainit--> meta folder in RAM --cmd_metainit, cmd_hwconfig--> meta file
+//   meta file in RAM --store_meta_file--> persistent meta file --restore_meta_file--> meta file in RAM
+//
+// The library works with the meta file in RAM.
 #include "host/cmd/meta_files.h"
-#include "host/cmd/host_cmd.h"
 
 #include "host/cmd/config_copies.h"
 #include "host/cmd/meta.h"
@@ -8,6 +12,7 @@
 #include "host/cmd/schema.h"
 #include "host/cmd/text_file.h"
 
+#include "platform/cmd.h"
 #include "platform/vantrel.h"
 
 #include <filesystem>
@@ -73,6 +78,10 @@ int conf::regenerate_meta_file(const Json::Value &config) {
     return make_meta_file(config);
 }
 
+// The documents of the image's meta folder are copied into the one in RAM, and the meta file is made for
+// the running configuration (for all modules when there is none). Fails, and changes nothing, when the
+// image's folder is missing or empty or one of its documents or schemas cannot be used; fails too when a
+// write fails.
 int cmd_metainit() try {
     const std::lock_guard lock(meta_mutex);
     if (!is_sound_folder(conf::IMAGE_META_FOLDER))
@@ -87,6 +96,8 @@ int cmd_metainit() try {
     return -1;
 }
 
+// Meta file in RAM to the persistent one. Fails, and leaves the persistent one, when there is no usable
+// meta file in RAM or the copy fails. What is stored already is not written again.
 int store_meta_file() try {
     const std::lock_guard lock(meta_mutex);
     return is_usable(conf::META_FILE) ? conf::copy_if_different(conf::META_FILE, conf::STORED_META_FILE) : -1;
@@ -94,6 +105,8 @@ int store_meta_file() try {
     return -1;
 }
 
+// Persistent meta file to the one in RAM. Fails, and leaves the one in RAM, when no usable one was stored
+// or the copy fails.
 int restore_meta_file() try {
     const std::lock_guard lock(meta_mutex);
     return is_usable(conf::STORED_META_FILE) ? copy_file(conf::STORED_META_FILE, conf::META_FILE) : -1;
@@ -101,6 +114,9 @@ int restore_meta_file() try {
     return -1;
 }
 
+// As restore_meta_file; but when none was stored, or it was made for other hardware settings than those
+// of the running configuration, the meta file is made anew from the folder in RAM. Fails when that holds
+// no usable meta data either, or a write fails.
 int restore_meta_file_or_regenerate_from_meta_folder_in_ram() try {
     const std::lock_guard lock(meta_mutex);
     const Json::Value running = running_or_empty();

@@ -28,8 +28,14 @@ constexpr char STORED_META_FILE[] = "/var/data/orv/config.meta";
 constexpr char STORED_HARDWARE[] = "/var/data/orv/config.hardware";
 constexpr char STORED_ACTIVE_JOB[] = "/var/data/orv/ACTIVE_JOB";
 constexpr char FAILSAFE_TIMER[] = "/var/data/orv/FAILSAFE_TIMER";
+// A firmware that was installed and is not verified yet; one that needs the configuration in another form.
+constexpr char FIRMWARE_UPDATED[] = "/var/data/orv/FIRMWARE_UPDATED";
+constexpr char MIGRATE[] = "/var/data/orv/MIGRATE";
 constexpr char ACTIVE_JOBS[] = "/var/data/orv/vantrel_iot/jobs/active";
 constexpr char ARCHIVED_JOBS[] = "/var/data/orv/vantrel_iot/jobs/archive";
+
+// What happens in applies, for who must not miss any of it: see apply_status.cpp.
+constexpr char APPLY_EVENTS[] = "/var/run/config-apply.events";
 
 // --- Markers.
 constexpr char CONFIG_MODIFIED[] = "/var/run/CONFIG_MODIFIED";

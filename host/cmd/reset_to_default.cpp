@@ -2,11 +2,11 @@
 #include "host/cmd/config_copies.h"
 #include "host/cmd/dotted.h"
 #include "host/cmd/fault.h"
-#include "host/cmd/host_cmd.h"
 #include "host/cmd/paths.h"
 
 #include "host/vantrel/json_text.h"
 
+#include "platform/cmd.h"
 #include "platform/vantrel.h"
 #include "platform/vtrsec.h"
 
@@ -104,6 +104,13 @@ int install_scratch(const conf::meta_data &meta) {
 
 } // namespace
 
+// The request is {"reset": "all"}, {"reset": "AREA"} or {"reset": ["AREA", ...]}, or the lone word all or
+// AREA; an area is named by its path, as in network.wireless.wifi. The named areas of the persistent
+// configuration become those of the delivered one (an area that it lacks is removed), the result becomes
+// the running configuration too, each with its hash, and the services of what changed are restarted.
+//
+// Refused, with nothing changed, when the request names anything else, while an apply runs or a candidate
+// waits, and when the result would not be valid. Fails too when a configuration cannot be read or written.
 int cmd_reset_to_default(const char *request) try {
     const auto meta = conf::load_meta();
     if (!request || !meta || apply_is_under_way())

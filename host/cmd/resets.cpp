@@ -1,8 +1,8 @@
 // Back to the delivered configuration.
 #include "host/cmd/config_copies.h"
-#include "host/cmd/host_cmd.h"
 #include "host/cmd/paths.h"
 
+#include "platform/cmd.h"
 #include "platform/vantrel.h"
 
 #include <filesystem>
@@ -44,6 +44,16 @@ int delete_former_configuration() {
 
 } // namespace
 
+// Mode 0 resets the configuration, mode 1 the jobs too; any other is refused. In this order, so that a cut
+// leaves nothing under way that would undo the reset: candidates, an apply cut short and, with mode 1, the
+// active job files are deleted; the default configuration of the image becomes the persistent one, with
+// its hash; the failsafe copy and whatever else belongs to the former configuration is deleted, with mode
+// 1 the archived job files too. The running configuration and the services stay as they are until the
+// reboot that follows. What makes the device itself (its key and token in /var/data/factory, the system
+// database, the firmware slots) is kept.
+//
+// Fails, and changes nothing, when the default configuration cannot be read; fails too when something
+// cannot be written or deleted. It can be called again until it succeeds, also after a cut in the middle.
 int cmd_factory_reset(int mode) try {
     Json::Value delivered;
     if ((mode != RESET_CONFIGURATION && mode != RESET_ALL) ||

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 namespace {
 
@@ -31,6 +32,16 @@ public:
 const char *with_library_ready(const char *client_id) {
     static const mosquitto_library library;
     return client_id;
+}
+
+// libmosquitto opens its socket, and the pair that wakes its loop, without close-on-exec: what the agent
+// starts by system() would hold the broker's connection open for as long as it runs. Set for whatever
+// this process has open, since the pair has no name outside libmosquitto. Another thread that starts a
+// child at this moment is not disturbed: what a child is given on purpose is duplicated in the child itself,
+// after the table of files was copied.
+void keep_files_from_children() {
+    if (close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC) != 0)
+        syslog(LOG_ERR, "mqtt client: programs that are started inherit the connection: %m");
 }
 
 // Runs a hook of the derived class; nothing it throws may reach libmosquitto, which is C.
@@ -59,7 +70,9 @@ mqtt_orv::~mqtt_orv() = default;
 
 // The host is remembered by libmosquitto even when the broker is down: reconnect() goes there.
 int mqtt_orv::start_mqtt_connection() {
-    return connect(own->host.c_str(), own->port, KEEPALIVE_SECONDS);
+    const int result = connect(own->host.c_str(), own->port, KEEPALIVE_SECONDS);
+    keep_files_from_children();
+    return result;
 }
 
 std::string mqtt_orv::serialize(const Json::Value &value) try {
@@ -85,7 +98,9 @@ void mqtt_orv::ping_watchdog() {
     sd_notify(0, "WATCHDOG=1");
 }
 
+// The first that the library hears of a reconnect: reconnect() is libmosquittopp's own.
 void mqtt_orv::on_connect(int rc) {
+    keep_files_from_children();
     // Nagle's algorithm would hold back the second of several SUBSCRIBEs until the first one's TCP
     // acknowledgement, which the broker's side delays by 40 ms.
     const int on = 1;

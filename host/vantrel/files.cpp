@@ -3,17 +3,35 @@
 #include "host/vantrel/retry.h"
 #include "platform/vantrel.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr size_t LONGEST_LINE = 255;
+
+// What other services of the router read, whoever they run as. Every other document is for its owner alone:
+// jobs and candidates hold passphrases in plain text, and a kind of file that comes later is not forgotten.
+constexpr std::array<std::string_view, 7> READ_BY_OTHERS = {
+    "/var/volatile/config/config.running", "/var/volatile/config/hardware.running",
+    "/var/volatile/config/config.meta",    "/var/volatile/config/apply.status",
+    "/var/data/orv/config.json",           "/var/data/orv/config.hardware",
+    "/var/data/orv/FAILSAFE_TIMER",
+};
+constexpr mode_t FOR_ALL = 0644;
+constexpr mode_t FOR_THE_OWNER = 0600;
+
+// The mode of a file that is not there yet.
+mode_t new_mode(std::string_view path, mode_t else_mode) {
+    return std::ranges::find(READ_BY_OTHERS, path) != READ_BY_OTHERS.end() ? FOR_ALL : else_mode;
+}
 
 class open_file {
 public:
@@ -34,7 +52,7 @@ public:
 
     mode_t mode() const {
         struct stat status {};
-        return fstat(fd, &status) == 0 ? status.st_mode & 07777 : 0644;
+        return fstat(fd, &status) == 0 ? status.st_mode & 07777 : FOR_THE_OWNER;
     }
 
 private:
@@ -95,7 +113,8 @@ int read_json_file(const char *path, Json::Value &value) try {
 }
 
 int write_json_file(const char *path, const Json::Value &value) try {
-    return replace_file(path, styled(value));
+    file_replacement file(path, new_mode(path, FOR_THE_OWNER));
+    return file.write(styled(value)) && file.commit() ? 0 : -1;
 } catch (...) {
     return -1;
 }
@@ -112,7 +131,7 @@ int copy_file(const char *from, const char *to) try {
     const open_file source(from);
     if (!source.is_open())
         return -1;
-    file_replacement copy(to, source.mode());
+    file_replacement copy(to, new_mode(to, source.mode()));
     const bool whole = read_whole(source, [&](std::string_view piece) { return copy.write(piece); });
     return whole && copy.commit() ? 0 : -1;
 } catch (...) {

@@ -35,8 +35,8 @@ int diff(const std::string &file);
 struct request_options {
     std::string file;       // empty: the edited configuration
     bool validate = true;   // refuse what the agent would refuse
-    bool wait = false;      // until the apply has ended; 1 when the running configuration is another then
-    int wait_seconds = 900; // for the end, and of them at most 30 for an agent that listens
+    bool wait = false;      // until the apply has ended; 0 only when the next boot takes it too
+    int wait_seconds = 900; // for the end; an agent that is not busy has at most 30 of them to begin
 };
 int request(const request_options &options);
 

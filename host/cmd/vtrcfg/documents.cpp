@@ -68,9 +68,21 @@ void forget_edited() {
     delete_file(conf::CONFIG_MODIFIED);
 }
 
-bool is_lost_candidate() {
+bool has_candidate() {
+    return file_exists(conf::NEW_CONFIG) || file_exists(conf::STORED_NEW_CONFIG);
+}
+
+bool apply_is_marked() {
+    Json::Value status;
+    bool in_progress = false;
+    read_json_file(conf::APPLY_STATUS, status);
+    config_get_bool(status, &in_progress, "in_progress");
+    return in_progress;
+}
+
+bool is_lost_request() {
     const std::string queued = std::string(conf::ACTIVE_JOBS) + "/FAILSAFE_CONFIG";
-    return file_exists(conf::NEW_CONFIG) && !file_exists(conf::STORED_NEW_CONFIG) &&
+    return (file_exists(conf::NEW_CONFIG) || apply_is_marked()) && !file_exists(conf::STORED_NEW_CONFIG) &&
            !file_exists(conf::FAILSAFE_TIMER) && !file_exists(queued.c_str()) && !iot_job_in_progress();
 }
 

@@ -26,8 +26,14 @@ void forget_edited();
 // The reasons why the edited configuration must not be requested any more, or empty.
 std::string edited_is_stale();
 
-// A candidate was placed, and nobody is going to apply it: no job for it is queued or under way, as when its
-// request was refused, lost or cleared.
-bool is_lost_candidate();
+// A candidate waits for its apply, or is being applied.
+bool has_candidate();
+
+// The system-wide mark: an apply is queued or under way.
+bool apply_is_marked();
+
+// There is a candidate or the mark of an apply, but no job for it is queued or under way: its request was refused,
+// lost or cleared.
+bool is_lost_request();
 
 } // namespace vtrcfg

@@ -71,7 +71,7 @@ int unset(const std::string &path) {
 
 int discard() {
     forget_edited();
-    if (is_lost_candidate()) {
+    if (is_lost_request()) {
         delete_file(conf::NEW_CONFIG);
         delete_file(conf::NEW_HASH);
         clear_config_apply_in_progress();

@@ -1,8 +1,8 @@
 #include "host/cmd/vtrcfg/progress.h"
 
 #include "host/cmd/paths.h"
+#include "host/cmd/vtrcfg/documents.h"
 
-#include "platform/cmd.h"
 #include "platform/vantrel.h"
 
 #include <chrono>
@@ -14,16 +14,23 @@ namespace vtrcfg {
 namespace {
 
 constexpr auto POLL = std::chrono::milliseconds(200);
+constexpr char QUEUED[] = "config change is queued"; // the agent's word for a request that it has taken
 
-Json::Value read_status() {
-    Json::Value status;
-    if (read_json_file(conf::APPLY_STATUS, status) != 0 || !status.isObject())
-        status = Json::Value(Json::objectValue);
-    return status;
+// False when the time is over before the condition holds.
+template <typename condition> bool polls_until(int seconds, condition holds) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() >= limit)
+            return false;
+        std::this_thread::sleep_for(POLL);
+    }
+    return true;
 }
 
 Json::Value history() {
-    const Json::Value status = read_status();
+    Json::Value status;
+    if (read_json_file(conf::APPLY_STATUS, status) != 0 || !status.isObject())
+        return Json::Value(Json::arrayValue);
     const Json::Value texts = status.get("history", Json::Value());
     return texts.isArray() ? texts : Json::Value(Json::arrayValue);
 }
@@ -54,28 +61,31 @@ void print(const Json::Value &entry) {
 
 progress::progress() : seen(history()) {}
 
-bool progress::print_new_texts() {
+void progress::print_new_texts() {
     const Json::Value texts = history();
     const Json::ArrayIndex known = known_part(seen, texts);
     for (Json::ArrayIndex i = known; i < texts.size(); ++i)
         print(texts[i]);
     seen = texts;
-    return known < texts.size();
+}
+
+bool progress::waits_for_the_queue(int seconds) const {
+    return polls_until(seconds, [this] {
+        const Json::Value texts = history();
+        for (Json::ArrayIndex i = known_part(seen, texts); i < texts.size(); ++i)
+            if (texts[i].get("text", "") == QUEUED)
+                return true;
+        return false;
+    });
 }
 
 bool progress::follow_to_the_end(int seconds) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    bool begun = false;
-    while (std::chrono::steady_clock::now() < limit) {
-        bool in_progress = false;
-        config_get_bool(read_status(), &in_progress,
-                        "in_progress"); // before the texts, or the last is missed
-        begun |= print_new_texts() || in_progress;
-        if (begun && !in_progress)
-            return true;
-        std::this_thread::sleep_for(POLL);
-    }
-    return false;
+    return polls_until(seconds, [this] {
+        const bool under_way =
+            apply_is_marked() || has_candidate(); // before the texts, or the last is missed
+        print_new_texts();
+        return !under_way;
+    });
 }
 
 } // namespace vtrcfg

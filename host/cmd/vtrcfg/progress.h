@@ -10,11 +10,15 @@ public:
     // What the history holds now belongs to former applies.
     progress();
 
-    // Prints each text once. False when the time is over before the apply has begun and ended.
+    // Until the agent tells that it has queued a request. False when the time is over before.
+    bool waits_for_the_queue(int seconds) const;
+
+    // Prints each text once, until the apply of the request that was queued has ended: nothing is under way any
+    // more, and its candidate is gone. False when the time is over before.
     bool follow_to_the_end(int seconds);
 
 private:
-    bool print_new_texts();
+    void print_new_texts();
 
     Json::Value seen;
 };

@@ -5,13 +5,9 @@
 
 namespace vtrcfg {
 
-enum class delivery {
-    taken,  // by at least one subscriber
-    nobody, // the broker has it, and no one subscribes the topic
-    failed, // the broker cannot be reached, or refuses
-};
-
-// Returns when the broker has answered, at the latest after ten seconds.
-delivery publish(const std::string &topic, const std::string &payload);
+// The broker hands the message to who subscribes its topic now, and keeps it for kept_seconds for who does so
+// later: each subscriber gets it once. Returns when the broker has answered, at the latest after ten seconds;
+// false when it cannot be reached, or refuses.
+bool publish(const std::string &topic, const std::string &payload, int kept_seconds);
 
 } // namespace vtrcfg

@@ -1,4 +1,5 @@
 // request: hands a candidate to the agent.
+#include "host/cmd/config_copies.h"
 #include "host/cmd/fault.h"
 #include "host/cmd/paths.h"
 #include "host/cmd/vtrcfg/commands.h"
@@ -10,9 +11,7 @@
 #include "platform/vantrel.h"
 
 #include <algorithm>
-#include <chrono>
 #include <iostream>
-#include <thread>
 
 namespace vtrcfg {
 namespace {
@@ -21,23 +20,13 @@ constexpr char TOPIC[] = "v1/device/cmd/config/apply";
 constexpr char PAYLOAD[] = R"({"source":"vtrcfg"})";
 constexpr int LONGEST_START = 30; // seconds
 
-// The agent subscribes a moment after its start, and no message waits for it.
-delivery send_request(int seconds) {
-    const auto limit =
-        std::chrono::steady_clock::now() + std::chrono::seconds(std::min(seconds, LONGEST_START));
-    delivery result = publish(TOPIC, PAYLOAD);
-    while (result == delivery::nobody && std::chrono::steady_clock::now() < limit) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        result = publish(TOPIC, PAYLOAD);
-    }
-    return result;
-}
-
 std::string reason_to_wait() {
     if (file_exists(conf::FAILSAFE_TIMER))
         return "a configuration is being verified";
-    if (file_exists(conf::NEW_CONFIG) || file_exists(conf::STORED_NEW_CONFIG))
-        return "another candidate waits for its apply";
+    if (has_candidate())
+        return "another candidate waits for its apply ('vtrcfg discard' forgets one whose request was lost)";
+    if (apply_is_marked())
+        return "a configuration is being applied ('vtrcfg discard' forgets a request that was lost)";
     return "";
 }
 
@@ -48,26 +37,50 @@ bool tell_faults(const std::string &file) {
     return !faults.empty();
 }
 
-void place_candidate(const Json::Value &candidate, int seconds) {
-    if (write_json_file(conf::NEW_CONFIG, candidate) != 0)
-        throw trouble(std::string(conf::NEW_CONFIG) + " cannot be written");
-    const delivery result = send_request(seconds);
-    if (result == delivery::taken)
-        return;
-    delete_file(conf::NEW_CONFIG);
-    throw trouble(result == delivery::nobody ? "the agent does not listen"
-                                             : "the broker on this router does not take the request");
+// Until the agent itself has marked that the request is queued: others subscribe the topic as well, so what the
+// broker says of its subscribers tells nothing. An agent that is just starting finds the request at the broker. One
+// that runs a job may handle no message before the job has ended.
+bool agent_takes_it(progress &shown, int seconds) {
+    if (shown.waits_for_the_queue(std::min(seconds, LONGEST_START)))
+        return true;
+    return iot_job_in_progress() && shown.waits_for_the_queue(seconds - LONGEST_START);
 }
 
-int tell_end(const std::string &wanted, bool is_edited) {
-    if (current_config_hash() != wanted) {
-        std::cerr << "vtrcfg: the configuration does not run\n";
-        return NO;
+void place_candidate(const Json::Value &candidate, progress &shown, int seconds) {
+    if (write_json_file(conf::NEW_CONFIG, candidate) != 0)
+        throw trouble(std::string(conf::NEW_CONFIG) + " cannot be written");
+    const bool sent = publish(TOPIC, PAYLOAD, std::min(seconds, LONGEST_START));
+    if (sent && agent_takes_it(shown, seconds))
+        return;
+    delete_file(conf::NEW_CONFIG); // a late agent finds nothing to apply
+    if (!sent)
+        throw trouble("the broker on this router does not take the request");
+    throw trouble(iot_job_in_progress() ? "the agent is busy and does not take the request"
+                                        : "the agent does not take the request");
+}
+
+bool is_committed(const std::string &wanted) {
+    Json::Value stored;
+    return conf::read_config(conf::STORED_CONFIG, stored) == 0 && config_hash(stored) == wanted;
+}
+
+// What runs, and what will run after the next boot.
+int tell_end(const std::string &wanted, const char *success) {
+    const bool runs = current_config_hash() == wanted;
+    const bool committed = is_committed(wanted);
+    if (runs && committed) {
+        std::cout << success << "\n";
+        return YES;
     }
-    std::cout << "the configuration runs\n";
-    if (is_edited)
-        forget_edited();
-    return YES;
+    if (runs)
+        std::cerr
+            << "vtrcfg: the configuration runs, but it is not committed: the next boot brings the former "
+               "one back\n";
+    else if (committed)
+        std::cerr << "vtrcfg: the configuration does not run, but the next boot takes it\n";
+    else
+        std::cerr << "vtrcfg: the configuration does not run\n";
+    return NO;
 }
 
 } // namespace
@@ -79,26 +92,27 @@ int request(const request_options &options) {
     const std::string file = is_edited ? conf::EDITED_CONFIG : options.file;
     const Json::Value candidate = read_document(file);
     const std::string wanted = config_hash(candidate);
-    if (wanted == current_config_hash()) {
-        std::cout << "this is the running configuration already\n";
-        return YES;
-    }
-    if (const std::string stale = is_edited ? edited_is_stale() : ""; !stale.empty())
-        throw trouble(stale);
     if (const std::string reason = reason_to_wait(); !reason.empty())
         throw trouble(reason);
+    if (wanted == current_config_hash())
+        return tell_end(wanted, "this is the running configuration already");
+    if (const std::string stale = is_edited ? edited_is_stale() : ""; !stale.empty())
+        throw trouble(stale);
     if (options.validate && tell_faults(file))
         return NO;
 
     progress shown;
-    place_candidate(candidate, options.wait_seconds);
+    place_candidate(candidate, shown, options.wait_seconds);
     if (!options.wait) {
         std::cout << "requested\n";
         return YES;
     }
     if (!shown.follow_to_the_end(options.wait_seconds))
         throw trouble("the apply has not ended in time; 'vtrcfg status' tells how it goes on");
-    return tell_end(wanted, is_edited);
+    const int result = tell_end(wanted, "the configuration runs");
+    if (is_edited && result == YES)
+        forget_edited();
+    return result;
 }
 
 } // namespace vtrcfg

@@ -33,6 +33,13 @@ void tell_configuration(const std::string &what, const char *config_path, const 
     tell(what, hash.substr(0, SHOWN_DIGITS) + (matches ? "" : ", its hash file differs"));
 }
 
+// Something is edited or being applied, or the next boot will run another configuration than this one.
+bool is_uncommitted() {
+    Json::Value stored;
+    return file_exists(conf::CONFIG_MODIFIED) || (conf::read_config(conf::STORED_CONFIG, stored) == 0 &&
+                                                  config_hash(stored) != current_config_hash());
+}
+
 void tell_apply() {
     Json::Value status;
     std::string reason;
@@ -64,7 +71,7 @@ int status() {
     tell_configuration("failsafe", conf::FAILSAFE_CONFIG, conf::FAILSAFE_HASH);
     tell_configuration("candidate", conf::NEW_CONFIG, nullptr);
     tell_configuration("edited", conf::EDITED_CONFIG, nullptr);
-    tell("uncommitted", file_exists(conf::CONFIG_MODIFIED) ? "yes" : "no");
+    tell("uncommitted", is_uncommitted() ? "yes" : "no");
     tell("cloud job", iot_job_in_progress() ? "running" : "none");
     tell_apply();
     tell_verification();
