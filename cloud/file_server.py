@@ -10,10 +10,9 @@ to them. Requests must bear the token, when one is set. `fault` says what the ne
     "corrupt"    one byte in the middle of the file is another
 """
 import http.server
-import threading
 from pathlib import Path
 
-from cloud.upload_server import listen_on_cloud_side
+from cloud.endpoint import Endpoint
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -21,7 +20,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def do_GET(self):
         owner = self.server.owner
-        owner.arrived("GET", self.path)
+        owner.arrived(f"GET {self.path}")
         content = owner.files.get(self.path.split("?")[0])
         status = self.refusal() or (200 if content is not None else 404)
         if status != 200:
@@ -36,7 +35,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         status = self.refusal() or 200
         if status == 200:
             owner.files[self.path.split("?")[0]] = data
-        owner.arrived(self.command, self.path)
+        owner.arrived(f"{self.command} {self.path}")
         self.answer(status)
 
     do_POST = do_PUT
@@ -75,38 +74,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         pass
 
 
-class Listener(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-
-    def __init__(self, owner, listening):
-        super().__init__(("", 0), Handler, bind_and_activate=False)
-        self.socket.close()
-        self.socket = listening
-        self.owner = owner
-
-    def handle_error(self, request, client_address):
-        self.owner.arrived("broken connection", "")
-
-
-class FileServer:
+class FileServer(Endpoint):
     def __init__(self, router, port=8000, token=None):
-        self.fault = None
         self.token = token
         self.files = {}
-        self.requests = []
-        self.released = threading.Event()
-        self.changed = threading.Condition()
-        self.listener = Listener(self, listen_on_cloud_side(router, port))
-        self.thread = threading.Thread(target=self.listener.serve_forever, args=(0.05,), daemon=True)
-
-    def __enter__(self):
-        self.thread.start()
-        return self
-
-    def __exit__(self, *_):
-        self.release()
-        self.listener.shutdown()
-        self.listener.server_close()
+        super().__init__(router, port, Handler)
 
     def serve_image(self, image):
         """A firmware image and its checksum; returns the path under which it is there."""
@@ -115,16 +87,5 @@ class FileServer:
         self.files[f"{path}.sha256"] = Path(f"{image}.sha256")
         return path
 
-    def release(self):
-        """Ends every stall."""
-        self.released.set()
-
-    def arrived(self, method, path):
-        with self.changed:
-            self.requests.append(f"{method} {path}".strip())
-            self.changed.notify_all()
-
     def wait_for_request(self, request, seconds=30):
-        with self.changed:
-            if not self.changed.wait_for(lambda: request in self.requests, seconds):
-                raise TimeoutError(f"waited {seconds} s for {request}; requests so far: {self.requests}")
+        self.wait_for(lambda: request in self.requests, seconds, request)

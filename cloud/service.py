@@ -16,6 +16,7 @@ import time
 from dataclasses import dataclass, field
 
 from cloud.broker_link import BrokerLink
+from router.virtual.waiting import wait_for
 
 RC_ACCEPTED = 200
 RC_REFUSED = 500
@@ -102,10 +103,10 @@ class Service:
 
     def wait(self, found, seconds, what):
         """What found(self) returns, as soon as that is true."""
-        with self.changed:
-            if not self.changed.wait_for(lambda: found(self), seconds):
-                raise TimeoutError(f"waited {seconds} s for {what}; the device published {self.summary()}")
-            return found(self)
+        begun = len(self.messages)
+        return wait_for(self.changed, lambda: found(self), seconds, what, lambda: (
+            f"meanwhile the device published {self.summary(begun) or 'nothing'}, "
+            f"before that {self.summary()[:begun][-10:]}"))
 
     def reports(self, job=None):
         return [m for m in list(self.messages) if isinstance(m, Report) and job in (None, m.job)]
@@ -124,8 +125,8 @@ class Service:
             return next((r for r in self.reports(job) if r.status == status), None)
         return self.wait(found, seconds, f"job {job} to be reported {status}")
 
-    def summary(self):
-        return [f"{m.job} {m.status}" if isinstance(m, Report) else m.topic for m in self.messages]
+    def summary(self, since=0):
+        return [f"{m.job} {m.status}" if isinstance(m, Report) else m.topic for m in self.messages[since:]]
 
     # --- what the cloud says
 
@@ -148,20 +149,27 @@ class Service:
 
 
 def parse(topic, payload):
-    """The message, or None when it is one that this side itself publishes."""
+    """The message, or None when it is one that this side itself publishes. What is no JSON, or too deep for the
+    parser, or no report where one should be, is a message all the same: nothing ends the receiving thread."""
     now = time.time()
     parts = topic.split("/")
     if parts[:3] == ["v1", "device", "job"] and parts[-1] in ("apply", "pub_ack", "update"):
         return None
     try:
         content = json.loads(payload)
-    except ValueError:
+    except (ValueError, RecursionError):
         content = payload.decode(errors="replace")
-    if parts[:3] == ["v1", "device", "job"] and parts[-1] == "ack" and isinstance(content, dict):
+    if parts[:3] == ["v1", "device", "job"] and parts[-1] == "ack" and is_report(content):
         params = content["params"]
         return Report(now, topic, content, params["jobId"], params["status"], content["session"],
                       params.get("msg"))
     return Message(now, topic, content)
+
+
+def is_report(content):
+    if not isinstance(content, dict) or not isinstance(content.get("params"), dict):
+        return False
+    return "session" in content and {"jobId", "status"} <= content["params"].keys()
 
 
 def socket_of(router):

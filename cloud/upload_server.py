@@ -1,7 +1,6 @@
 """The HTTP and HTTPS endpoint that receives the results of jobs.
 
-It listens on the cloud's side of a router's wire while its code runs in the calling process: a
-helper opens the socket there and hands it over. `fault` says what the next requests meet:
+`fault` says what the next requests meet:
 
     None            200
     a number        that status, after the body was read
@@ -13,16 +12,10 @@ import email.policy
 import http.server
 import socket
 import ssl
-import subprocess
-import threading
 import time
 from dataclasses import dataclass
 
-OPENER = """
-import socket, sys
-listener = socket.create_server(("", int(sys.argv[1])))
-socket.send_fds(socket.socket(fileno=0), [b"x"], [listener.fileno()])
-"""
+from cloud.endpoint import Endpoint
 
 
 @dataclass
@@ -39,16 +32,6 @@ class Upload:
     path: str
     headers: dict
     parts: list
-
-
-def listen_on_cloud_side(router, port):
-    """A listening socket in the network of the router's cloud side."""
-    ours, theirs = socket.socketpair()
-    with ours, theirs:
-        subprocess.run([*router.nsenter(cloud=True), "/usr/bin/python3", "-c", OPENER, str(port)],
-                       stdin=theirs, check=True, timeout=20)
-        _, fds, _, _ = socket.recv_fds(ours, 1, 1)
-    return socket.socket(fileno=fds[0])
 
 
 def parts_of(content_type, body):
@@ -107,68 +90,20 @@ class Handler(http.server.BaseHTTPRequestHandler):
         pass
 
 
-class Listener(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-
-    def __init__(self, owner, listening, tls):
-        super().__init__(("", 0), Handler, bind_and_activate=False)
-        self.socket.close()
-        self.socket = listening
-        self.owner = owner
-        self.tls = tls
-
-    def finish_request(self, request, client_address):
-        if self.tls:
-            request = self.tls.wrap_socket(request, server_side=True)
-        super().finish_request(request, client_address)
-
-    def handle_error(self, request, client_address):
-        self.owner.arrived("broken connection")
-
-
-class UploadServer:
+class UploadServer(Endpoint):
     def __init__(self, router, port=80, certificate=None):
         """certificate: the path of a PEM file with key and certificate makes it HTTPS."""
-        self.fault = None
         self.uploads = []
-        self.requests = []
-        self.released = threading.Event()
-        self.changed = threading.Condition()
         tls = None
         if certificate:
             tls = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
             tls.load_cert_chain(certificate)
-        self.listener = Listener(self, listen_on_cloud_side(router, port), tls)
-        self.thread = threading.Thread(target=self.listener.serve_forever, args=(0.05,), daemon=True)
-
-    def __enter__(self):
-        self.thread.start()
-        return self
-
-    def __exit__(self, *_):
-        self.release()
-        self.listener.shutdown()
-        self.listener.server_close()
-
-    def release(self):
-        """Ends every stall."""
-        self.released.set()
-
-    def arrived(self, path):
-        with self.changed:
-            self.requests.append(path)
-            self.changed.notify_all()
+        super().__init__(router, port, Handler, tls)
 
     def take(self, upload):
         with self.changed:
             self.uploads.append(upload)
             self.changed.notify_all()
-
-    def wait_for(self, found, seconds, what):
-        with self.changed:
-            if not self.changed.wait_for(found, seconds):
-                raise TimeoutError(f"waited {seconds} s for {what}; requests so far: {self.requests}")
-            return found()
 
     def wait_for_upload(self, seconds=30):
         return self.wait_for(lambda: self.uploads and self.uploads[-1], seconds, "an upload")
