@@ -6,6 +6,7 @@ files are those of router/image/usr/lib/router/slots.sh.
 """
 from router.virtual.state import replace_file
 
+
 def trial_seconds(speed):
     """After how long a boot on trial that has not proved itself is ended, as a watchdog would do it. A busy
     machine is not quicker in fast time."""

@@ -2,28 +2,50 @@
 import argparse
 import json
 import os
+import signal
 import subprocess
 import sys
 import time
 from pathlib import Path
 
 from router.virtual.client import NoNamespaces, Router, RouterError
+from router.virtual.log_filter import LogFilter, time_of
 from router.virtual.services import FAULTY
 from router.virtual.state import DEFAULT_ROOT
+from router.virtual.system_log import LEVELS
+from router.virtual.tail import Tail
 
 SKIP = 77
 
 
+class Command(argparse.ArgumentParser):
+    """One verb: which router is meant may be said behind it too."""
+
+    def __init__(self, **options):
+        super().__init__(**options)
+        add_which(self, argparse.SUPPRESS, argparse.SUPPRESS)
+
+
+def add_which(parser_of_it, name, root):
+    parser_of_it.add_argument("--name", default=name, help="which one, of several side by side (router)")
+    parser_of_it.add_argument("--root", default=root, help="folder of the state folders")
+
+
 def parser():
     top = argparse.ArgumentParser(prog="vrouter", description="A router in namespaces of this machine.")
-    top.add_argument("--name", default="router", help="which one, of several side by side")
-    top.add_argument("--root", default=DEFAULT_ROOT, help="folder of the state folders")
-    commands = top.add_subparsers(dest="command", required=True)
+    add_which(top, "router", DEFAULT_ROOT)
+    commands = top.add_subparsers(dest="command", required=True, parser_class=Command)
     add_power(commands)
     add_faults(commands)
     commands.add_parser("shell", help="a shell inside")
     log = commands.add_parser("log", help="the system log, all boots")
     log.add_argument("-f", "--follow", action="store_true")
+    log.add_argument("--job", metavar="ID", help="only lines that name this job")
+    log.add_argument("--level", choices=LEVELS, metavar="LEVEL", help="this priority and those more urgent: "
+                     + ", ".join(LEVELS))
+    log.add_argument("--since", metavar="TIME", help="90s, 5m or 2h ago, or 14:05, 14:05:09, '2026-11-22 14:05:09'")
+    events = commands.add_parser("events", help="what happened to it, all boots, one JSON object a line")
+    events.add_argument("-f", "--follow", action="store_true")
     commands.add_parser("journal", help="what its services did, all boots")
     status = commands.add_parser("status", help="what it is doing")
     status.add_argument("--json", action="store_true")
@@ -60,7 +82,8 @@ def add_faults(commands):
         "to", choices=("start", "stop"))
     fault = commands.add_parser("fault", help="make a service slow or fail; without words, well again")
     fault.add_argument("service", choices=FAULTY, metavar="SERVICE", help=", ".join(FAULTY))
-    fault.add_argument("words", nargs="*", metavar="WORD", help="slow SECONDS | fail STATUS")
+    fault.add_argument("words", nargs="*", metavar="WORD",
+                       help="slow SECONDS, held REASON, fail STATUS, or a word of its own")
     clock = commands.add_parser("clock", help="step or set the agent's clock")
     clock.add_argument("change", nargs="?", help="+SECONDS, -SECONDS or @SECONDS_SINCE_EPOCH")
 
@@ -77,14 +100,23 @@ def show_status(router, as_json):
         print(f"  state folder {router.state.folder}")
 
 
-def follow_log(router):
-    shown = 0
+def show_lines(router, path, follow, wanted=lambda line: True):
+    tail = Tail(router.state / path)
     while True:
-        text = router.log()
-        sys.stdout.write(text[shown:])
+        router.look()
+        for line in tail.lines():
+            if wanted(line.decode(errors="replace")):
+                sys.stdout.buffer.write(line + b"\n")
         sys.stdout.flush()
-        shown = len(text)
-        time.sleep(0.2)
+        if not follow:
+            return
+        time.sleep(0.1)
+
+
+def show_log(router, arguments):
+    since = time_of(arguments.since, time.time()) if arguments.since else None
+    chosen = LogFilter(arguments.job, arguments.level, since)
+    show_lines(router, "log/messages", arguments.follow, lambda line: chosen.wants(line, time.time()))
 
 
 def show_journal(router):
@@ -93,6 +125,8 @@ def show_journal(router):
 
 
 def set_fault(router, service, words):
+    if len(words) % 2:
+        raise ValueError(f"each word of a fault has a value: {' '.join(words)}")
     faults = [f"{word} {value}" for word, value in zip(words[::2], words[1::2], strict=True)]
     router.fault(service, *faults)
 
@@ -114,6 +148,43 @@ def replace_by(command, words):
     return subprocess.run([*command, *words], check=False).returncode
 
 
+# What runs the rest of the command line in a process namespace of its own, which ends with it: the first kills it
+# when we are killed, the shell is that namespace's init and so lets signals reach the command.
+WITH_ITS_CHILDREN = ["setpriv", "--pdeathsig", "KILL", "unshare", "--pid", "--fork", "--kill-child", "--",
+                     "/bin/sh", "-c", '"$@"; exit $?', "sh"]
+
+
+def run_on_cloud_side(router, words):
+    """Whatever the command has started ends with it, and with us."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+    words = words[1:] if words[:1] == ["--"] else words
+    if not words:
+        raise RouterError("no command given")
+    process = subprocess.Popen([*router.nsenter(cloud=True), *WITH_ITS_CHILDREN, *words])
+    try:
+        return process.wait()
+    finally:
+        process.kill()
+
+
+def which_first(words):
+    """--name and --root that stand right behind a verb which takes a command line, put before it: what stands
+    further behind is that command's own."""
+    front, rest = [], list(words)
+
+    def take():
+        while rest and rest[0].split("=")[0] in ("--name", "--root"):
+            front.extend(rest[:1 if "=" in rest[0] else 2])
+            del rest[:1 if "=" in rest[0] else 2]
+    take()
+    verb = rest[:1]
+    if verb not in (["exec"], ["cloud-exec"]):
+        return words
+    del rest[:1]
+    take()
+    return front + verb + rest
+
+
 def up(router, arguments):
     began = time.monotonic()
     router.up(build=arguments.build, version=arguments.version, speed=arguments.speed,
@@ -127,7 +198,7 @@ def run(router, arguments):
     if name == "exec":
         return replace_by(router.inside(), arguments.words)
     if name == "cloud-exec":
-        return replace_by(router.nsenter(cloud=True), arguments.words)
+        return run_on_cloud_side(router, arguments.words)
     if name == "shell":
         return replace_by(router.inside(), ["/bin/sh", "-l"])
     actions = {
@@ -135,7 +206,8 @@ def run(router, arguments):
         "down": router.down,
         "reboot": router.reboot,
         "power-cut": lambda: router.power_cut(off=arguments.off),
-        "log": lambda: follow_log(router) if arguments.follow else print(router.log(), end=""),
+        "log": lambda: show_log(router, arguments),
+        "events": lambda: show_lines(router, "events", arguments.follow),
         "status": lambda: show_status(router, arguments.json),
         "journal": lambda: show_journal(router),
         "fault": lambda: set_fault(router, arguments.service, arguments.words),
@@ -150,7 +222,7 @@ def run(router, arguments):
 
 
 def main():
-    arguments = parser().parse_args()
+    arguments = parser().parse_args(which_first(sys.argv[1:]))
     router = Router(arguments.name, arguments.root)
     try:
         return run(router, arguments)

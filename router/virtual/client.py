@@ -4,16 +4,20 @@ import os
 import secrets
 import shutil
 import subprocess
-import sys
 import time
 from pathlib import Path
 
 from router.virtual import image, services
-from router.virtual.launcher import log_files
+from router.virtual.events import EventReader, told
 from router.virtual.state import DEFAULT_ROOT, TREE, StateFolder, connect_unix
+from router.virtual.tail import Tail
+from router.virtual.waiting import POLL, Deadline, patience, pause
 
 LAUNCHER = ["unshare", "--user", "--map-root-user", "--net", "--mount", "--",
             "/usr/bin/python3", "-m", "router.virtual.launcher"]
+DEVICE_WITH_BUTTON = "5"
+# What a wait that fails says of the stream and of the log: that many lines of each.
+LAST_EVENTS, LAST_LINES = 12, 8
 
 
 class RouterError(Exception):
@@ -36,6 +40,13 @@ class Router:
         self.name = name
         self.launcher = None    # the process, when this object started it
         self.state = StateFolder(Path(root or DEFAULT_ROOT) / name)
+        self.forget_what_was_read()
+
+    def forget_what_was_read(self):
+        self.stream = EventReader(self.state / "events")
+        self.log_tail = Tail(self.state / "log/messages")
+        self.log_read = b""
+        self.acted = 0      # how many events there were when this side last began a boot
 
     # --- power
 
@@ -43,6 +54,7 @@ class Router:
         """Boots it, or switches it on again; returns when the agent has been started."""
         if self.launcher_runs():
             self.order(do="on")
+            self.acted = len(self.events())
         else:
             self.prepare(build or TREE / "build/release", version, options)
             self.start_launcher()
@@ -52,8 +64,9 @@ class Router:
         check_namespaces()
         self.state.make()
         switches = ("net.off", "broker.off", "clock")
-        for stale in (self.state / "status.json", *(self.state / "outside" / name for name in switches),
-                      *(self.state / "log").iterdir()):
+        self.forget_what_was_read()
+        for stale in (self.state / "status.json", self.state / "events",
+                      *(self.state / "outside" / name for name in switches), *(self.state / "log").iterdir()):
             stale.unlink(missing_ok=True)
         services.forget(self.state / "outside")
         root = image.ensure(build, version)
@@ -86,6 +99,7 @@ class Router:
         if device_type is not None or not (factory / "device_type").exists():
             (factory / "device_type").write_text(f"{5 if device_type is None else device_type}\n")
         if not (factory / "token").exists():
+            (factory / "token").touch(mode=0o600)
             (factory / "token").write_text(secrets.token_hex(16) + "\n")
 
     def trust(self, certificate):
@@ -132,11 +146,13 @@ class Router:
         before = self.status()["boots"]
         self.run("/sbin/reboot -f", check=False)
         self.wait_for_boot(wait, before)
+        self.acted = self.index_of("boot", before + 1)
 
     def power_cut(self, off=False, wait=30):
         before = self.order(do="power-cut", off=off)["boots"]
         if not off:
             self.wait_for_boot(wait, before)
+            self.acted = self.index_of("boot", before + 1)
 
     # --- faults
 
@@ -144,24 +160,27 @@ class Router:
         self.order(do="net", up=up)
 
     def broker(self, on):
-        switch = self.state / "outside/broker.off"
-        if on:
-            switch.unlink(missing_ok=True)
-            return
-        switch.touch()
-        self.run("killall mosquitto", check=False)
+        """Returns when the one that ran has gone; when another one has come, its log says."""
+        self.order(do="broker", on=on)
+        if not on:
+            self.run("while killall mosquitto 2>/dev/null; do usleep 20000; done", check=False)
 
     def clock(self, **change):
         """step=SECONDS or set=SECONDS_SINCE_EPOCH; returns the router's time."""
         return self.order(do="clock", **change)["now"]
 
     def press(self, how):
+        device_type = (self.state / "data/factory/device_type").read_text().strip()
+        if device_type != DEVICE_WITH_BUTTON:
+            raise RouterError(f"router {self.name} is of device type {device_type}, which has no reset button: "
+                              f"boot one with --device-type {DEVICE_WITH_BUTTON}")
         code = {"short": 2, "failsafe": 3, "factory": 4}[how]
         self.run(f"echo {code} > /dev/reset_button_dev")
 
     def fault(self, service, *faults):
         """As router/virtual/services.py says; without any, the service is well again."""
-        services.set_faults(self.state / "outside", service, faults)
+        services.check_faults(service, faults)
+        self.order(do="fault", service=service, faults=faults)
 
     # --- looking and doing
 
@@ -187,9 +206,12 @@ class Router:
 
     def status(self):
         status = self.state.read("status.json")
-        if status.get("state") not in (None, "down") and not self.launcher_runs():
+        if status.get("state") not in (None, "down") and not self.launcher_lives():
             status["state"] = "down"
         return status
+
+    def launcher_lives(self):
+        return self.launcher.poll() is None if self.launcher else self.launcher_runs()
 
     def nsenter(self, cloud=False):
         """The command that runs what follows it inside, or on the cloud's side."""
@@ -230,28 +252,80 @@ class Router:
                 return Path(f"/proc/{status['launcher']}/root{self.state / outside}{rest}")
         raise ValueError(f"{path} is neither in memory nor in /var/data")
 
-    def log_of_this_boot(self):
+    def look(self):
+        """Returns when the launcher has told and written down what has happened by now."""
         try:
-            return "".join(p.read_text(errors="replace") for p in log_files(self.live("/var/volatile/log")))
-        except (OSError, KeyError, RouterError):
-            return ""
+            self.order(do="look")
+        except (RouterError, OSError):
+            pass    # it is down: all of it is there
+
+    def read_log(self):
+        """The system log of every boot so far, in bytes."""
+        self.look()
+        before = self.log_tail.replaced
+        new = self.log_tail.lines()
+        if self.log_tail.replaced != before:
+            self.forget_what_was_read()
+            new = self.log_tail.lines()
+        self.log_read += b"".join(line + b"\n" for line in new)
+        return self.log_read
 
     def log(self):
         """The system log of every boot so far."""
-        ended = sorted((self.state / "log").glob("boot-*"), key=lambda p: int(p.name[5:]))
-        return "".join(p.read_text(errors="replace") for p in ended) + self.log_of_this_boot()
+        return self.read_log().decode(errors="replace")
+
+    def log_of_this_boot(self):
+        """Of the latest boot, when it is over."""
+        boots = self.events("boot")
+        return self.read_log()[boots[-1]["log"]:].decode(errors="replace") if boots else ""
+
+    def events(self, *kinds):
+        """What happened so far, as router/virtual/events.py says; of those kinds, or of all."""
+        self.look()
+        return [event for event in self.stream.events() if not kinds or event["kind"] in kinds]
+
+    def index_of(self, kind, boot):
+        """How many events there were before the first of that kind in that boot."""
+        return next(i for i, event in enumerate(self.events()) if event["kind"] == kind and event["boot"] == boot)
+
+    def wait_for_event(self, kind, seconds=30, since=0, **facts):
+        """The first event of that kind with those facts, the first `since` events of all left out."""
+        def found():
+            return next((event for event in self.events()[since:] if event["kind"] == kind and
+                         all(event.get(name) == value for name, value in facts.items())), None)
+        words = ", ".join([kind, *(f"{name} {value!r}" for name, value in facts.items())])
+        return self.wait_until(found, seconds, f"the event {words}")
 
     def journal(self, *names):
         """What the services did, oldest first; of those named, or of all."""
         entries = services.read_journal(self.state / "outside")
         return [entry for entry in entries if not names or entry.service in names]
 
+    def speed(self):
+        return self.state.read("options.json").get("speed", 1)
+
+    def patience(self, router_seconds):
+        """Real seconds within which something that takes so many of the router's has happened."""
+        return patience(router_seconds, self.speed())
+
     def wait_until(self, condition, seconds, what):
-        end = time.monotonic() + seconds
+        """What condition() returns, as soon as that is true. It has to look at what a reboot does not wipe."""
+        pause()
+        events, lines = len(self.stream.events()), len(self.log_read)
+        deadline = Deadline(seconds)
         while True:
+            left = deadline.left()
             found = condition()
             if found:
                 return found
-            if time.monotonic() > end:
-                raise TimeoutError(f"waited {seconds} s for {what}")
-            time.sleep(0.01)
+            if not left:
+                raise TimeoutError(f"waited {deadline.waited():.0f} s for {what}\n{self.meanwhile(events, lines)}")
+            time.sleep(POLL)
+
+    def meanwhile(self, events, lines):
+        """What happened since then, as far as it goes on a screen."""
+        seen = [told(event) for event in self.events()[events:]][-LAST_EVENTS:]
+        logged = self.read_log()[lines:].decode(errors="replace").splitlines()[-LAST_LINES:]
+        return "\n".join(["meanwhile these events:", *(f"  {line}" for line in seen or ["none"]),
+                          f"and in the log ({self.state / 'log/messages'}):",
+                          *(f"  {line[:200]}" for line in logged or ["nothing"])])

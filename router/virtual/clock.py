@@ -19,9 +19,9 @@ class Clock:
         self.stepped = 0.0 if first is None else first - self.made
         self.booted = self.made
 
-    def start(self):
-        """To be called as the router boots: libfaketime counts anew from here."""
-        self.booted = time.time()
+    def start(self, at=None):
+        """Libfaketime counts anew from then, a time of this machine; now, when the router is about to boot."""
+        self.booted = time.time() if at is None else at
         self.write()
 
     def step(self, seconds):

@@ -34,6 +34,7 @@ PROGRAMS = {
 # Inside path -> in this tree: what a device installs beside the agent. A folder is taken with its files.
 PACKAGED = {
     "/usr/lib/tmpfiles.d/tessard.conf": "packaging/tessard.tmpfiles.conf",
+    "/usr/sbin/tessard-clean-scripts": "packaging/tessard-clean-scripts",
     "/usr/sbin/tessard-reserve": "packaging/tessard-reserve",
     "/usr/share/vantrel/default-config.json": "host/cmd/default-config.json",
     "/usr/share/vantrel/meta": "host/cmd/meta",

@@ -13,7 +13,7 @@ def command_line(state, image, data, fds):
         "--info-fd", str(fds["info"]), "--block-fd", str(fds["block"]),
         "--ro-bind", str(image), "/",
         "--proc", "/proc", "--ro-bind", str(state / "etc/cmdline"), "/proc/cmdline",
-        "--dev", "/dev",
+        "--dev", "/dev", "--symlink", "/mnt/outside/log.sock", "/dev/log",
         "--bind", str(live / "run"), "/run",
         "--bind", str(live / "tmp"), "/tmp",
         "--bind", str(live / "volatile"), "/var/volatile",

@@ -32,10 +32,36 @@ def note(outside, service, text):
         journal.write(f"{int(time.time())}\t{service}\t{text}\n")
 
 
-def set_faults(outside, service, faults):
-    """Each a text: "slow SECONDS", "fail STATUS", or another that the service knows; none clears them."""
+def is_number(text):
+    return text.replace(".", "", 1).isdigit()
+
+
+# What each word of a fault takes, and which services know it; None: all.
+FAULTS = {
+    "slow": (is_number, "SECONDS", None),
+    "held": (bool, "REASON", None),
+    "fail": (str.isdigit, "STATUS", None),
+    "connect": (lambda value: value == "never" or is_number(value), "SECONDS|never", ("qtel-mgr",)),
+    "wait-in-install": (is_number, "SECONDS", ("orv-upgradefw",)),
+    "wait-before-reboot": (is_number, "SECONDS", ("orv-upgradefw",)),
+}
+
+
+def check_faults(service, faults):
+    """Raises ValueError for a service that there is not, and for a fault that it does not know."""
     if service not in FAULTY:
         raise ValueError(f"no service {service}: {', '.join(FAULTY)}")
+    known = {word: rule for word, rule in FAULTS.items() if rule[2] is None or service in rule[2]}
+    for fault in faults:
+        word, _, value = fault.partition(" ")
+        if word not in known or not known[word][0](value):
+            forms = ", ".join(f"{word} {takes}" for word, (_, takes, _) in known.items())
+            raise ValueError(f"{service} knows no fault {fault!r}: {forms}")
+
+
+def set_faults(outside, service, faults):
+    """Each a text, a word of FAULTS and its value: "slow 20"; none clears them."""
+    check_faults(service, faults)
     folder = outside / "faults"
     folder.mkdir(exist_ok=True)
     new = folder / ".new"

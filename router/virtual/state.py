@@ -2,13 +2,14 @@
 
     options.json     what `vrouter up` was asked for
     status.json      what the launcher says: replaced whole, read by anybody
+    events           what happens, a JSON object a line: see events.py
     control          the launcher's socket
     data/            /var/data of the router
-    outside/         shared with the inside: the broker's Unix socket, switches, a notify socket
+    outside/         shared with the inside: the sockets of broker and log, switches, a notify socket
     slots/1, slots/2 symbolic links to the image that each firmware slot holds
     etc/             files bound over read-only ones of the image
     live/            mount point of the memory that a power cut takes away
-    log/             the system log of each ended boot, and the launcher's own output
+    log/             the system log of all boots, what the boots wrote to their console, and the launcher's output
 """
 import json
 import os

@@ -29,6 +29,9 @@ handle() {
     job=$(member .jobId)
     journal "$command${job:+ for job $job}"
     seconds=$(fault slow) && sleep "$seconds"
+    while fault held >/dev/null; do
+        usleep 20000
+    done
     if fault fail >/dev/null; then
         rc=$(fault fail)
     else

@@ -5,6 +5,7 @@
 #
 # A service can be given faults, one a line in a file of its name:
 #     slow SECONDS    waits before it does what it was asked for
+#     held REASON     waits as long as this line stands there
 #     fail STATUS     ends with that status and does nothing
 # A service that knows other words says so.
 configuration=/var/volatile/config/config.running
@@ -23,6 +24,9 @@ fault() {
 
 meet_faults() {
     seconds=$(fault slow) && sleep "$seconds"
+    while fault held >/dev/null; do
+        usleep 20000
+    done
     status=$(fault fail) || return 0
     journal "$* failed, status $status"
     exit "$status"
