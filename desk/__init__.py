@@ -1,0 +1,1 @@
+"""What a person drives the router and its cloud with: above both, and known to neither."""
