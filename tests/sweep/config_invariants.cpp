@@ -1,6 +1,8 @@
 // What must hold of the configuration.
 #include "tests/sweep/invariants.h"
 
+#include "tests/sweep/names.h"
+
 #include "tests/fakes/config.h"
 #include "tests/fakes/files.h"
 #include "tests/sweep/services.h"
@@ -126,12 +128,11 @@ breakages nothing_of_an_apply_is_left(const evidence &) {
 
 std::vector<invariant> config_invariants() {
     return {
-        {"success means the candidate, failed the former or the failsafe configuration", false,
-         end_tells_configuration},
-        {"the running configuration is the persistent one", false, running_is_persistent},
-        {"the services have the running configuration", false, services_follow},
-        {"every configuration matches its hash", true, hashes_match},
-        {"when nothing runs, nothing of an apply is left", false, nothing_of_an_apply_is_left},
+        {CONFIG_ENDS, false, end_tells_configuration},
+        {PERSISTENT, false, running_is_persistent},
+        {SERVICES, false, services_follow},
+        {HASHES, true, hashes_match},
+        {NO_APPLY_LEFT, false, nothing_of_an_apply_is_left},
     };
 }
 

@@ -1,6 +1,8 @@
 // Configurations, from the request to the commit or the way back.
 #include "tests/sweep/scenario.h"
 
+#include "tests/sweep/names.h"
+
 #include "tests/fakes/calls.h"
 #include "tests/fakes/config.h"
 #include "tests/fakes/files.h"
@@ -27,12 +29,6 @@ constexpr time_t REQUESTED = 6;
 constexpr time_t BEFORE_VALIDATION = 7;
 constexpr time_t DURING_VALIDATION = 10;
 constexpr time_t DURING_RESTARTS = 13;
-
-std::string compact(const Json::Value &value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
 
 // The former configuration with other Wi-Fi, cell and address: network, firewall, Wi-Fi and modem restart.
 Json::Value changed() {
@@ -174,19 +170,7 @@ std::vector<scenario> with_failsafe() {
 
 // --- What breaks by design.
 
-constexpr char ENDS[] = "success means the candidate, failed the former or the failsafe configuration";
-constexpr char PERSISTENT[] = "the running configuration is the persistent one";
-constexpr char SERVICES[] = "the services have the running configuration";
-constexpr char HASHES[] = "every configuration matches its hash";
-constexpr char NOTHING_LEFT[] = "when nothing runs, nothing of an apply is left";
-constexpr char NO_MARKER[] = "when nothing runs, no marker is left";
-constexpr char FINAL[] = "a final status does not change";
-constexpr char REPORTED[] = "archived means reported and acknowledged";
-constexpr char ARCHIVED[] = "a stored job is archived, or cleared";
-
 constexpr char NEVER_REPORTED[] = "FAILSAFE_CONFIG is never reported.";
-constexpr char BETWEEN_COPIES[] =
-    "A cut between a configuration and its hash; boot computes both hashes anew.";
 constexpr char REQUEST_LOST[] =
     "The request died with the agent; its candidate waits for the next one, or for boot.";
 constexpr char FINISHED_AGAIN[] =
@@ -202,23 +186,25 @@ constexpr char THREE_RESTARTS[] =
 
 std::vector<known_exception> config_exceptions() {
     return {
-        {"killed alone", ENDS, "after success the persistent configuration is the former one", KILLED_ALONE},
+        {"killed alone", CONFIG_ENDS, "after success the persistent configuration is the former one",
+         KILLED_ALONE},
         {"killed alone", PERSISTENT, "", KILLED_ALONE},
         {"killed alone", SERVICES, "", KILLED_ALONE},
         {"killed alone", NO_MARKER, "CONFIG_JOB_EXECUTING", KILLED_ALONE},
         {"killed alone", NO_MARKER, "/var/run/ACTIVE_JOB", KILLED_ALONE},
-        {"killed alone", NOTHING_LEFT, "config.new", KILLED_ALONE},
+        {"killed alone", NO_APPLY_LEFT, "config.new", KILLED_ALONE},
         {"", HASHES, "/var/data/orv/config.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
         {"one whose hardware", PERSISTENT, "the running configuration is a candidate", NOT_REVERTED},
         {"one whose hardware", SERVICES, "", NOT_REVERTED},
         {"", REPORTED, "FAILSAFE_CONFIG", NEVER_REPORTED},
-        {"", NOTHING_LEFT, "/var/volatile/config/config.new is", REQUEST_LOST, {restart::KILL}},
+        {"", NO_APPLY_LEFT, "/var/volatile/config/config.new is", REQUEST_LOST, {restart::KILL}},
         {"aborted", FINAL, "was failed and became success",
          "An abort is not kept over a restart: what is finished after it is applied."},
         {"a second one", HASHES, "does not match", LAST_WRITER_WINS},
         {"a second one", SERVICES, "apps", LAST_WRITER_WINS},
         {"a second one", FINAL, "was success and became", LAST_WRITER_WINS},
-        {"a second one", ENDS, "after failed the persistent configuration is a candidate", LAST_WRITER_WINS},
+        {"a second one", CONFIG_ENDS, "after failed the persistent configuration is a candidate",
+         LAST_WRITER_WINS},
     };
 }
 
@@ -228,7 +214,7 @@ std::vector<known_exception> failsafe_exceptions() {
         {"", HASHES, "/var/data/orv/config.failsafe.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
         {"", FINAL, "became executed", FINISHED_AGAIN},
         {"aborted", REPORTED, "FAILSAFE_CONFIG", NEVER_REPORTED},
-        {"aborted", NOTHING_LEFT, "/var/volatile/config/config.new is", REQUEST_LOST, {restart::KILL}},
+        {"aborted", NO_APPLY_LEFT, "/var/volatile/config/config.new is", REQUEST_LOST, {restart::KILL}},
         {"failsafe copy kept", SERVICES, "apps", THREE_RESTARTS},
         {"changes services", SERVICES, "apps", THREE_RESTARTS},
         {"no timer file", PERSISTENT, "the running configuration is a candidate", NOT_REVERTED},

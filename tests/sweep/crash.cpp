@@ -3,6 +3,7 @@
 #include "tests/fakes/clock.h"
 #include "tests/fakes/config.h"
 #include "tests/fakes/files.h"
+#include "tests/fakes/private_root.h"
 #include "tests/sweep/firmware.h"
 #include "tests/sweep/ledger.h"
 #include "tests/sweep/services.h"
@@ -53,21 +54,24 @@ void copy_one(const fs::path &from, const fs::path &to) {
     utimensat(AT_FDCWD, to.c_str(), stamps, 0);
 }
 
+// What is mounted below is no part of the world: the clone itself may be.
 void mirror_into(const fs::path &from, const fs::path &to) {
-    for (const auto &entry : fs::recursive_directory_iterator(from)) {
-        const auto target = to / entry.path().lexically_relative(from);
+    for (const auto &entry : fs::directory_iterator(from)) {
+        const auto target = to / entry.path().filename();
         if (entry.is_symlink())
             fs::copy_symlink(entry.path(), target);
-        else if (entry.is_directory())
-            fs::create_directories(target);
-        else
+        else if (!entry.is_directory())
             copy_one(entry.path(), target);
+        else if (!is_mount_point(entry.path())) {
+            fs::create_directories(target);
+            mirror_into(entry.path(), target);
+        }
     }
 }
 
 void mirror(const fs::path &from, const fs::path &to) {
-    fs::remove_all(to);
     fs::create_directories(to);
+    empty_directory(to);
     mirror_into(from, to);
 }
 

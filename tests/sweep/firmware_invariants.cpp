@@ -1,6 +1,8 @@
 // What must hold of the firmware.
 #include "tests/sweep/invariants.h"
 
+#include "tests/sweep/names.h"
+
 #include "tests/fakes/files.h"
 #include "tests/sweep/firmware.h"
 
@@ -73,10 +75,10 @@ breakages nothing_of_an_upgrade_is_left(const evidence &) {
 
 std::vector<invariant> firmware_invariants() {
     return {
-        {"a slot boots that is whole", true, whole_slot_boots},
-        {"a whole configuration runs", false, whole_configuration_runs},
-        {"success means the new slot, failed the old one", false, end_tells_slot},
-        {"when nothing runs, nothing of an upgrade is left", false, nothing_of_an_upgrade_is_left},
+        {WHOLE_SLOT, true, whole_slot_boots},
+        {WHOLE_CONFIG, false, whole_configuration_runs},
+        {SLOT_ENDS, false, end_tells_slot},
+        {NO_UPGRADE_LEFT, false, nothing_of_an_upgrade_is_left},
     };
 }
 

@@ -1,6 +1,8 @@
 // Firmware, from the job to the slot that stays.
 #include "tests/sweep/scenario.h"
 
+#include "tests/sweep/names.h"
+
 #include "tests/fakes/config.h"
 #include "tests/fakes/device.h"
 #include "tests/fakes/files.h"
@@ -14,12 +16,6 @@ constexpr char FORMER[] = R"({
     "iot": {"vantrel_iot": {"url": "cloud.test"}},
     "network": {"interfaces": {"gateway": "right", "address": 1}},
     "system": {"failsafe": {"enable": false}}})";
-
-std::string compact(const Json::Value &value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
 
 Json::Value changed() {
     Json::Value config = json(FORMER);
@@ -148,14 +144,6 @@ std::vector<scenario> others() {
 
 // --- What breaks by design.
 
-constexpr char ENDS[] = "success means the new slot, failed the old one";
-constexpr char NOTHING_LEFT[] = "when nothing runs, nothing of an upgrade is left";
-constexpr char NO_MARKER[] = "when nothing runs, no marker is left";
-constexpr char HASHES[] = "every configuration matches its hash";
-constexpr char REPORTED[] = "archived means reported and acknowledged";
-constexpr char SESSIONS[] = "a session names one status of one job";
-constexpr char ARCHIVED[] = "a stored job is archived, or cleared";
-
 constexpr char SUCCESS_UNMARKED[] =
     "A cut between the recorded success and the deletion of FIRMWARE_UPDATED: once the job is acknowledged and "
     "archived, the mark has no job and the former firmware boots.";
@@ -164,8 +152,6 @@ constexpr char STORED_AS_IT_IS[] =
     "of \"executed\", and archived unreported when that was acknowledged.";
 constexpr char NOT_SWITCHED_BACK[] =
     "The end is stored and the mark deleted before the slot is switched back: a cut between them leaves the new one.";
-constexpr char BETWEEN_COPIES[] =
-    "A cut between a configuration and its hash; boot computes both hashes anew.";
 constexpr char OWN_RECORD[] = "The device's own record, deleted at the end of the apply.";
 constexpr char NOT_LOOKED_AT[] =
     "Cut between the mark and the switch: the recovery does not look at the slot and verifies the old firmware.";
@@ -181,9 +167,9 @@ constexpr char NEVER_CHECKED[] =
 
 std::vector<known_exception> upgrade_exceptions() {
     return {
-        {"", ENDS, "job 66 is a success, and slot 1 runs now", SUCCESS_UNMARKED},
+        {"", SLOT_ENDS, "job 66 is a success, and slot 1 runs now", SUCCESS_UNMARKED},
         {"",
-         ENDS,
+         SLOT_ENDS,
          "job 66 is a failed, and slot 2 runs",
          NOT_SWITCHED_BACK,
          {restart::KILL, restart::REBOOT}},
@@ -197,22 +183,22 @@ std::vector<known_exception> upgrade_exceptions() {
 std::vector<known_exception> other_exceptions() {
     return {
         {"a local upgrade", ARCHIVED, "LOCAL_FW_UPGRADE is lost", OWN_RECORD},
-        {"a local upgrade", ENDS, "a success, and slot 1 runs as ever", NOT_LOOKED_AT},
+        {"a local upgrade", SLOT_ENDS, "a success, and slot 1 runs as ever", NOT_LOOKED_AT},
         {"configuration refused",
-         ENDS,
+         SLOT_ENDS,
          "a failed, and slot 2 runs",
          NOT_SWITCHED_BACK,
          {restart::KILL, restart::REBOOT}},
-        {"boot cleans nothing", NOTHING_LEFT, "LOCAL_FW_UPGRADE", MARK_SURVIVES},
-        {"boot cleans nothing", NOTHING_LEFT, "config.staged", UNTIL_BOOT},
-        {"a local upgrade", NOTHING_LEFT, "LOCAL_FW_UPGRADE", UNTIL_BOOT, {restart::KILL}},
-        {"a local upgrade", NOTHING_LEFT, "config.staged is", UNTIL_BOOT, {restart::KILL}},
-        {"a local upgrade", NOTHING_LEFT, "config.staged.hash", UNTIL_BOOT},
-        {"params only", ENDS, "a failed, and slot 2 runs", TAKEN_FOR_SYSTEM},
+        {"boot cleans nothing", NO_UPGRADE_LEFT, "LOCAL_FW_UPGRADE", MARK_SURVIVES},
+        {"boot cleans nothing", NO_UPGRADE_LEFT, "config.staged", UNTIL_BOOT},
+        {"a local upgrade", NO_UPGRADE_LEFT, "LOCAL_FW_UPGRADE", UNTIL_BOOT, {restart::KILL}},
+        {"a local upgrade", NO_UPGRADE_LEFT, "config.staged is", UNTIL_BOOT, {restart::KILL}},
+        {"a local upgrade", NO_UPGRADE_LEFT, "config.staged.hash", UNTIL_BOOT},
+        {"params only", SLOT_ENDS, "a failed, and slot 2 runs", TAKEN_FOR_SYSTEM},
         {"params only", REPORTED, "archived as failed", STORED_AS_IT_IS},
         {"params only", SESSIONS, "executed and failed", STORED_AS_IT_IS},
         {"top level only", ARCHIVED, "still active: executed", NEVER_CHECKED},
-        {"top level only", NOTHING_LEFT, "FIRMWARE_UPDATED", NEVER_CHECKED},
+        {"top level only", NO_UPGRADE_LEFT, "FIRMWARE_UPDATED", NEVER_CHECKED},
         {"modem firmware", ARCHIVED, "still active: executed", NEVER_ENDS},
         {"modem firmware", NO_MARKER, "RADIOFW_JOB_EXECUTING", NEVER_ENDS},
         {"modem firmware", NO_MARKER, "FW_JOBID", NEVER_ENDS, {restart::KILL}},

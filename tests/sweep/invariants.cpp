@@ -1,5 +1,7 @@
 #include "tests/sweep/invariants.h"
 
+#include "tests/sweep/names.h"
+
 #include "tests/fakes/files.h"
 
 #include <algorithm>
@@ -252,15 +254,11 @@ breakages no_marker_is_left(const evidence &) {
 
 std::vector<invariant> job_invariants() {
     return {
-        {"every job file parses and bears its own jobId", true, job_files_are_whole},
-        {"a job that arrives is stored", false, arrived_jobs_are_stored},
-        {"a stored job is archived, or cleared", false, stored_jobs_are_archived},
-        {"one intake starts its script at most once", false, scripts_start_once},
-        {"a script that was cut means failed", false, cut_scripts_fail},
-        {"a session names one status of one job", false, sessions_are_unique},
-        {"a final status does not change", false, final_statuses_stay},
-        {"archived means reported and acknowledged", false, archived_jobs_were_reported},
-        {"when nothing runs, no marker is left", false, no_marker_is_left},
+        {JOB_FILES, true, job_files_are_whole},      {STORED, false, arrived_jobs_are_stored},
+        {ARCHIVED, false, stored_jobs_are_archived}, {ONCE, false, scripts_start_once},
+        {CUT_SCRIPTS, false, cut_scripts_fail},      {SESSIONS, false, sessions_are_unique},
+        {FINAL, false, final_statuses_stay},         {REPORTED, false, archived_jobs_were_reported},
+        {NO_MARKER, false, no_marker_is_left},
     };
 }
 

@@ -1,6 +1,8 @@
 // Jobs, from their intake to the archive.
 #include "tests/sweep/scenario.h"
 
+#include "tests/sweep/names.h"
+
 #include "tests/fakes/files.h"
 
 namespace sweep {
@@ -81,14 +83,6 @@ std::vector<scenario> stallers() {
     };
 }
 
-constexpr char STORED[] = "a job that arrives is stored";
-constexpr char ARCHIVED[] = "a stored job is archived, or cleared";
-constexpr char ONCE[] = "one intake starts its script at most once";
-constexpr char CUT_FAILS[] = "a script that was cut means failed";
-constexpr char SESSIONS[] = "a session names one status of one job";
-constexpr char REPORTED[] = "archived means reported and acknowledged";
-constexpr char NO_MARKER[] = "when nothing runs, no marker is left";
-
 } // namespace
 
 scenario_group script_scenarios() {
@@ -116,7 +110,7 @@ scenario_group script_scenarios() {
              {restart::KILL}},
             {"a critical script", ONCE, "started its script 2 times",
              "Its record is stored as \"received\" while it runs: cut, it is an ordinary job that waits."},
-            {"a critical script", CUT_FAILS, "is a success", "The same: the second run ends well."},
+            {"a critical script", CUT_SCRIPTS, "is a success", "The same: the second run ends well."},
         }};
 }
 

@@ -1,6 +1,6 @@
 #include "tests/sweep/life.h"
 
-#include "tests/fakes/agent_entry.h"
+#include "agent/start_up.h"
 #include "tests/fakes/agent_test.h"
 #include "tests/sweep/commands.h"
 #include "tests/sweep/firmware.h"
@@ -96,7 +96,7 @@ int write_in_place(const std::string &path, const std::string &text) {
     fakes::on_sleep = pause_thread;
     fakes::on_log = [](const std::string &text) { write_ledger(entry_kind::LOG, text); };
     start_scheduler([] { end_life(ending::DEADLOCK); }, end_when_too_old);
-    agent_main();
+    run_agent();
     _exit(1);
 }
 

@@ -5,6 +5,12 @@
 
 namespace sweep {
 
+std::string compact(const Json::Value &value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
 input message(time_t at, const std::string &topic, const std::string &payload) {
     return {at, payload, topic, nullptr};
 }

@@ -21,6 +21,9 @@ struct input {
 
 // --- Inputs, as the tables of scenarios write them.
 
+// A document on one line, as a payload or a file.
+std::string compact(const Json::Value &value);
+
 input message(time_t at, const std::string &topic, const std::string &payload);
 
 // A script job. The body's lines may be: true, exit N, sleep N, echo TEXT, reboot, # comment.
