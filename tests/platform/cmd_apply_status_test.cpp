@@ -4,7 +4,13 @@
 #include "host/cmd/paths.h"
 #include "platform/cmd.h"
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <fcntl.h>
+#include <sstream>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -79,6 +85,68 @@ TEST_F(ApplyStatus, TwoThreadsLoseNoText) {
         update_config_apply_status("one");
     other.join();
     EXPECT_EQ(history().size(), 61U);
+}
+
+class ApplyEvents : public CmdTest {
+protected:
+    static std::vector<Json::Value> events() {
+        std::istringstream lines(read_text(conf::APPLY_EVENTS));
+        std::vector<Json::Value> found;
+        for (std::string line; std::getline(lines, line);)
+            found.push_back(json(line));
+        return found;
+    }
+
+    static std::vector<std::string> told() {
+        std::vector<std::string> found;
+        for (const Json::Value &event : events())
+            found.push_back(event["event"].asString() + ":" + event["text"].asString());
+        return found;
+    }
+};
+
+TEST_F(ApplyEvents, TellWhatTheHistoryHasForgotten) {
+    set_config_apply_in_progress("config change is queued");
+    set_config_apply_in_progress("executing config change");
+    update_config_apply_status("config validation failed");
+    clear_config_apply_in_progress();
+    set_config_apply_in_progress("executing config change");
+    EXPECT_THAT(told(), testing::ElementsAre("begin:config change is queued", "text:executing config change",
+                                             "text:config validation failed",
+                                             "end:", "begin:executing config change"));
+}
+
+TEST_F(ApplyEvents, AreALineEachWhateverTheText) {
+    update_config_apply_status("two\nlines");
+    update_config_apply_status(nullptr);
+    EXPECT_THAT(told(), testing::ElementsAre("text:two\nlines", "text:"));
+}
+
+TEST_F(ApplyEvents, BearTheTimeToTheMillisecond) {
+    const double before = std::floor(std::chrono::duration<double, std::milli>(
+                                         std::chrono::system_clock::now().time_since_epoch())
+                                         .count()) /
+                          1000;
+    update_config_apply_status("validating config");
+    ASSERT_EQ(events().size(), 1U);
+    EXPECT_GE(events()[0]["time"].asDouble(), before - 0.001);
+    EXPECT_LT(events()[0]["time"].asDouble(), before + 60);
+}
+
+TEST_F(ApplyEvents, ALongFileIsLetGoAtTheBeginOfAnApplyOnly) {
+    set_config_apply_in_progress("executing config change");
+    update_config_apply_status(std::string(300 * 1024, 'x').c_str());
+    update_config_apply_status("still there");
+    set_config_apply_in_progress("and now");
+    EXPECT_EQ(told().size(), 4U);
+    const int reader = open(conf::APPLY_EVENTS, O_RDONLY | O_CLOEXEC);
+    clear_config_apply_in_progress();
+    set_config_apply_in_progress("executing config change");
+    EXPECT_THAT(told(), testing::ElementsAre("begin:executing config change"));
+    std::string kept(400 * 1024, '\0');
+    kept.resize(static_cast<size_t>(std::max<ssize_t>(0, read(reader, kept.data(), kept.size()))));
+    close(reader);
+    EXPECT_THAT(kept, testing::HasSubstr("\"event\":\"end\""));
 }
 
 class CloudJob : public CmdTest, public testing::WithParamInterface<const char *> {};

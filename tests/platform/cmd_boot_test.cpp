@@ -10,6 +10,8 @@
 
 namespace {
 
+using testing::Contains;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -53,7 +55,7 @@ TEST_F(Boot, ACandidateWithoutAReadableJobIsForgotten) {
         write_text(conf::FAILSAFE_TIMER, "{}");
         write_text(conf::STORED_ACTIVE_JOB, job);
         ASSERT_EQ(boot(), 0);
-        EXPECT_THAT(notes, testing::ElementsAre(HasSubstr("no readable job")));
+        EXPECT_THAT(notes, ElementsAre(HasSubstr("no readable job")));
         EXPECT_FALSE(exists(conf::STORED_NEW_CONFIG));
         EXPECT_FALSE(exists(conf::FAILSAFE_TIMER));
     }
@@ -120,12 +122,69 @@ TEST_F(Boot, AMissingConfigurationIsTheDeliveredOne) {
 TEST_F(Boot, ABrokenConfigurationIsTheFailsafeOneWhereThereIsOne) {
     const Json::Value failsafe = default_with("system.general.hostname", "failsafe");
     write_json(conf::FAILSAFE_CONFIG, failsafe);
-    for (const char *content : {"", "{ torn", "[]"}) {
+    const std::string faulty = default_with("network.interfaces.lan.address", "192.968.1.1").toStyledString();
+    for (const std::string &content :
+         {std::string(), std::string("{ torn"), std::string("[]"), std::string("{}"), faulty}) {
         write_text(conf::STORED_CONFIG, content);
+        write_text(conf::STORED_HASH, config_hash(json("{}")) + "\n"); // which is not asked
         ASSERT_EQ(boot(), 0) << content;
         EXPECT_EQ(read_json(conf::RUNNING_CONFIG), failsafe);
         EXPECT_EQ(read_json(conf::STORED_CONFIG), failsafe);
+        EXPECT_THAT(notes,
+                    ElementsAre(HasSubstr("/var/data/orv/config.json cannot be used: "),
+                                "/var/data/orv/config.json is replaced by /var/data/orv/config.failsafe"));
     }
+}
+
+TEST_F(Boot, ABadFailsafeCopyIsNoSubstitute) {
+    write_text(conf::FAILSAFE_CONFIG, "{}");
+    write_text(conf::STORED_CONFIG, "{");
+    ASSERT_EQ(boot(), 0);
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), default_config());
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), default_config());
+    EXPECT_THAT(notes, Contains(HasSubstr("/var/data/orv/config.failsafe cannot be used: ")));
+}
+
+TEST_F(Boot, AGoodConfigurationBesideAStaleHashIsKept) {
+    write_json(conf::STORED_CONFIG, stored);
+    write_text(conf::STORED_HASH, config_hash(default_config()) + "\n");
+    write_json(conf::FAILSAFE_CONFIG, default_config());
+    ASSERT_EQ(boot(), 0);
+    EXPECT_THAT(notes, IsEmpty());
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), stored);
+}
+
+TEST_F(Boot, AConfigurationThatIsNotValidIsBetterThanNone) {
+    write_json(conf::STORED_CONFIG, default_without("iot"));
+    unlink(conf::DEFAULT_CONFIG);
+    EXPECT_EQ(boot(), 0);
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), read_json(conf::STORED_CONFIG));
+    EXPECT_THAT(notes, ElementsAre(HasSubstr("/var/data/orv/config.json cannot be used: iot")));
+}
+
+// The former firmware may come back, and needs what it has committed.
+TEST_F(Boot, DuringAnUpgradeThePersistentConfigurationNeedNotBeValidForTheNewFirmware) {
+    Json::Value former = stored;
+    former["system"]["former"] = true;
+    write_json(conf::STORED_CONFIG, former);
+    for (const char *mark : {conf::FIRMWARE_UPDATED, conf::MIGRATE}) {
+        write_text(mark, "");
+        ASSERT_EQ(boot(), 0);
+        EXPECT_THAT(notes, IsEmpty());
+        EXPECT_EQ(read_json(conf::STORED_CONFIG), former);
+        EXPECT_EQ(read_json(conf::RUNNING_CONFIG), former);
+        unlink(mark);
+    }
+    ASSERT_EQ(boot(), 0);
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), default_config());
+}
+
+TEST_F(Boot, ASubstituteRunsEvenWhenItCannotBeStored) {
+    write_text("/var/data/.tmp", "a file where the library wants a folder");
+    write_text(conf::STORED_CONFIG, "{}");
+    EXPECT_EQ(boot(), -1);
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), default_config());
+    EXPECT_THAT(notes, Contains(HasSubstr("cannot be replaced by /usr/share/vantrel/default-config.json")));
 }
 
 TEST_F(Boot, WithoutAnyConfigurationFails) {
@@ -138,7 +197,7 @@ TEST_F(Boot, WithoutMetaDataTheConfigurationRunsAllTheSame) {
     write_json(conf::STORED_CONFIG, stored);
     std::filesystem::remove_all(conf::IMAGE_META_FOLDER);
     EXPECT_EQ(boot(), -1);
-    EXPECT_THAT(notes, testing::Contains("the image's meta data cannot be used"));
+    EXPECT_THAT(notes, Contains("the image's meta data cannot be used"));
     EXPECT_EQ(read_json(conf::RUNNING_CONFIG), stored);
     EXPECT_EQ(hash_in(conf::RUNNING_HASH), config_hash(stored));
 }

@@ -5,10 +5,13 @@
 #include "platform/cmd.h"
 #include "tests/fakes/private_root.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 
 namespace {
 
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 class Restores : public CmdTest {
@@ -45,6 +48,17 @@ TEST_F(Restores, FailsafeBecomesTheRunningConfigurationWithItsHash) {
     EXPECT_EQ(read_json(conf::STORED_CONFIG), current);
 }
 
+// A hash is calculated anew by boot; the configuration beside it counts.
+TEST_F(Restores, AreDoneWhenOnlyTheHashCannotBeWritten) {
+    given_failsafe_copy();
+    unlink(conf::STORED_HASH);
+    write_text(std::string(conf::STORED_HASH) + "/in-the-way", "");
+
+    EXPECT_EQ(restore_failsafe_files_to_nv(), 0);
+
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), saved);
+}
+
 TEST_F(Restores, AFailsafeHashOfAnotherConfigurationIsNotTaken) {
     given_failsafe_copy();
     write_text(conf::FAILSAFE_HASH, config_hash(current) + "\n");
@@ -55,27 +69,109 @@ TEST_F(Restores, AFailsafeHashOfAnotherConfigurationIsNotTaken) {
     EXPECT_EQ(hash_in(conf::RUNNING_HASH), config_hash(saved));
 }
 
-TEST_F(Restores, WithoutAFailsafeCopyTheDefaultBecomesPersistent) {
+TEST_F(Restores, WithoutAFailsafeCopyTheDeliveredConfigurationTakesThePlaceOfTheOneInForce) {
     ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
     EXPECT_EQ(read_json(conf::STORED_CONFIG), default_config());
     EXPECT_EQ(hash_in(conf::STORED_HASH), config_hash(default_config()));
-}
-
-TEST_F(Restores, WithoutAFailsafeCopyThePersistentConfigurationBecomesTheRunningOne) {
-    given_running(saved);
-    write_text(conf::FAILSAFE_CONFIG, "{ torn");
+    write_json(conf::STORED_CONFIG, current);
     ASSERT_EQ(restore_failsafe_files_to_running(), 0);
-    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), current);
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), default_config());
 }
 
-TEST_F(Restores, DuringAVerificationABrokenFailsafeCopyKeepsTheLastCommittedConfiguration) {
-    write_text(conf::FAILSAFE_CONFIG, "{");
+// What a flash cell or a careless hand may leave of a failsafe copy.
+class RestoresABadCopy : public Restores, public testing::WithParamInterface<const char *> {
+protected:
+    RestoresABadCopy() {
+        write_text(conf::FAILSAFE_CONFIG, bad);
+        write_text(conf::FAILSAFE_HASH, config_hash(current) + "\n"); // which is not asked
+    }
+
+    const std::string bad =
+        GetParam() == std::string("one digit")
+            ? default_with("network.interfaces.lan.address", "192.968.1.1").toStyledString()
+            : GetParam();
+};
+
+TEST_P(RestoresABadCopy, NeverOverTheLastCommittedOneAfterAFailedVerification) {
     write_text(conf::FAILSAFE_TIMER, "{}");
+    given_running(default_with("system.general.hostname", "failed"));
+    ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
+    ASSERT_EQ(restore_failsafe_files_to_running(), 0);
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), current);
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), current);
+    EXPECT_EQ(hash_in(conf::RUNNING_HASH), config_hash(current));
+}
+
+TEST_P(RestoresABadCopy, NeverInsteadOfTheDeliveredOneAtTheButton) {
+    ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
+    ASSERT_EQ(restore_failsafe_files_to_running(), 0);
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), default_config());
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), default_config());
+}
+
+TEST_P(RestoresABadCopy, AndSaysWhy) {
+    const int log = open_dev_log();
+    ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
+    EXPECT_THAT(read_dev_log(log), testing::ElementsAre(HasSubstr(
+                                       "failsafe restore: /var/data/orv/config.failsafe cannot be used: ")));
+    close(log);
+}
+
+TEST_P(RestoresABadCopy, AsTheDeliveredOneWhenTheCommittedOneIsBadToo) {
+    write_text(conf::FAILSAFE_TIMER, "{}");
+    write_text(conf::STORED_CONFIG, bad);
+    ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
+    ASSERT_EQ(restore_failsafe_files_to_running(), 0);
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), default_config());
+    EXPECT_EQ(read_json(conf::RUNNING_CONFIG), default_config());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, RestoresABadCopy,
+                         testing::Values("", "{ torn", "[]", "{}", R"({"network": {}})", "one digit"));
+
+TEST_F(Restores, OfAGoodCopySayNothing) {
+    const int log = open_dev_log();
+    given_failsafe_copy();
+    ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
+    EXPECT_THAT(read_dev_log(log), IsEmpty());
+    close(log);
+}
+
+// A firmware that is not verified asks for something that the one before did not know.
+TEST_F(Restores, DuringAnUpgradeKeepWhatTheFormerFirmwareCommitted) {
+    Json::Value former = saved;
+    former["system"]["former"] = true;
+    write_json(conf::FAILSAFE_CONFIG, former);
+    for (const char *mark : {conf::FIRMWARE_UPDATED, conf::MIGRATE}) {
+        write_json(conf::STORED_CONFIG, default_with("network.interfaces.wan.former", 1));
+        write_text(mark, "");
+        ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
+        EXPECT_EQ(read_json(conf::STORED_CONFIG), former) << mark;
+        unlink(mark);
+    }
+}
+
+TEST_F(Restores, DuringAnUpgradePreferWhatIsValid) {
+    write_text(conf::FAILSAFE_TIMER, "{}");
+    write_text(conf::FIRMWARE_UPDATED, "");
+    write_text(conf::FAILSAFE_CONFIG, "{}");
     ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
     EXPECT_EQ(read_json(conf::STORED_CONFIG), current);
-    unlink(conf::FAILSAFE_TIMER);
+}
+
+TEST_F(Restores, WithoutMetaDataTakeWhatCanBeRead) {
+    given_failsafe_copy();
+    std::filesystem::remove_all(conf::IMAGE_META_FOLDER);
     ASSERT_EQ(restore_failsafe_files_to_nv(), 0);
-    EXPECT_EQ(read_json(conf::STORED_CONFIG), default_config());
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), saved);
+}
+
+TEST_F(Restores, ThatCannotWriteTheFailsafeCopyAreDoneWhenTheLastCommittedOneIsThere) {
+    given_failsafe_copy();
+    write_text(conf::FAILSAFE_TIMER, "{}");
+    write_text("/var/data/.tmp", "a file where the library wants a folder");
+    EXPECT_EQ(restore_failsafe_files_to_nv(), 0);
+    EXPECT_EQ(read_json(conf::STORED_CONFIG), current);
 }
 
 TEST_F(Restores, TheRunningHardwareSettingsFollow) {
@@ -86,10 +182,10 @@ TEST_F(Restores, TheRunningHardwareSettingsFollow) {
 }
 
 TEST_F(Restores, WithNothingToRestoreFromTheyFailAndChangeNothing) {
-    std::filesystem::remove_all("/usr/share/vantrel");
+    unlink(conf::DEFAULT_CONFIG);
+    write_text(conf::FAILSAFE_CONFIG, "{}");
     EXPECT_EQ(restore_failsafe_files_to_nv(), -1);
     EXPECT_EQ(read_json(conf::STORED_CONFIG), current);
-    unlink(conf::STORED_CONFIG);
     EXPECT_EQ(restore_failsafe_files_to_running(), -1);
     EXPECT_EQ(read_json(conf::RUNNING_CONFIG), current);
 }

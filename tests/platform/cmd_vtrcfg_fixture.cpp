@@ -36,8 +36,8 @@ answer VtrcfgTest::vtrcfg(const std::string &arguments) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_text("/tmp/out"), read_text("/tmp/error")};
 }
 
-test_agent::test_agent(std::function<void(const std::string &)> action)
-    : mosquittopp("agent"), act(std::move(action)) {
+test_agent::test_agent(std::function<void(const std::string &)> action, const char *name)
+    : mosquittopp(name), act(std::move(action)) {
     wait_until([this] { return connect("localhost", 1883, 60) == MOSQ_ERR_SUCCESS; }, "the broker's socket");
     runner = std::thread([this] {
         while (!ended)

@@ -23,11 +23,12 @@ protected:
     static answer vtrcfg(const std::string &arguments);
 };
 
-// Subscribes the request's topic and does what it is told when a request comes.
+// Subscribes the request's topic and does what it is told when a request comes. Under another name it is
+// another subscriber, as the cloud.
 class test_agent : private mosqpp::mosquittopp {
 public:
     // Returns when it is subscribed.
-    explicit test_agent(std::function<void(const std::string &payload)> action);
+    explicit test_agent(std::function<void(const std::string &payload)> action, const char *name = "agent");
     ~test_agent() override;
     test_agent(const test_agent &) = delete;
     test_agent &operator=(const test_agent &) = delete;

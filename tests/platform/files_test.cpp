@@ -145,10 +145,41 @@ TEST_F(WriteJsonFile, FailsWithoutTheTargetsFolder) {
 TEST_F(WriteJsonFile, KeepsTheModeOfAFileThatIsThere) {
     const mode_t mask = umask(022);
     write_json_file(JOB, document("a"));
-    EXPECT_EQ(mode_of(JOB), mode_t{0644});
-    chmod(JOB, 0600);
-    write_json_file(JOB, document("b"));
-    EXPECT_EQ(mode_of(JOB), mode_t{0600});
+    for (const mode_t mode : {0640, 0600, 0644}) {
+        chmod(JOB, mode);
+        write_json_file(JOB, document("b"));
+        EXPECT_EQ(mode_of(JOB), mode);
+    }
+    umask(mask);
+}
+
+// A job or a candidate may hold a passphrase in plain text.
+TEST_F(WriteJsonFile, MakesANewFileForItsOwnerAlone) {
+    const mode_t mask = umask(022);
+    for (const char *path : {JOB, "/var/volatile/config/config.new", "/var/data/orv/config.staged"}) {
+        write_json_file(path, document("a"));
+        EXPECT_EQ(mode_of(path), mode_t{0600}) << path;
+    }
+    copy_file(JOB, "/var/data/orv/ACTIVE_JOB");
+    EXPECT_EQ(mode_of("/var/data/orv/ACTIVE_JOB"), mode_t{0600});
+    umask(mask);
+}
+
+TEST_F(WriteJsonFile, LeavesWhatOtherServicesReadReadable) {
+    const mode_t mask = umask(022);
+    for (const char *path :
+         {"/var/volatile/config/config.running", "/var/volatile/config/apply.status",
+          "/var/volatile/config/config.meta", "/var/volatile/config/hardware.running",
+          "/var/data/orv/config.json", "/var/data/orv/config.hardware", "/var/data/orv/FAILSAFE_TIMER"}) {
+        write_json_file(path, document("a"));
+        EXPECT_EQ(mode_of(path), mode_t{0644}) << path;
+        unlink(path);
+        write_json_file("/var/volatile/config/config.new", document("candidate"));
+        copy_file("/var/volatile/config/config.new", path);
+        EXPECT_EQ(mode_of(path), mode_t{0644}) << path;
+    }
+    create_pidfile("/var/run/tessard.pid");
+    EXPECT_EQ(mode_of("/var/run/tessard.pid"), mode_t{0644});
     umask(mask);
 }
 

@@ -7,11 +7,14 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 #include <map>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <stdexcept>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -21,6 +24,7 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -40,6 +44,8 @@ public:
         getsockopt(socket(), IPPROTO_TCP, TCP_NODELAY, &no_delay, &size);
         if (rc == 0)
             subscribe(nullptr, "test/#");
+        if (connected)
+            connected();
         if (throws)
             throw std::runtime_error("derived_on_connect");
     }
@@ -74,6 +80,7 @@ public:
     }
 
     bool throws = false;
+    std::function<void()> connected;
     std::function<void(const mosquitto_message &)> handler;
     std::vector<int> connects;
     std::vector<std::string> messages;
@@ -83,6 +90,14 @@ public:
     int subscriptions = 0;
     int no_delay = 0;
 };
+
+// What a service that is restarted by system() finds open.
+std::string open_in_a_child() {
+    EXPECT_EQ(std::system("ls -l /proc/self/fd </dev/null >/tmp/open 2>&1"), 0);
+    return read_text("/tmp/open");
+}
+
+const auto HAS_NO_SOCKET = AllOf(HasSubstr("/dev/null"), Not(HasSubstr("socket:")));
 
 } // namespace
 
@@ -129,6 +144,31 @@ TEST(MqttConnection, SubscribesAgainWhenTheBrokerWasRestarted) {
     EXPECT_TRUE(client.loops_until([&] { return client.messages.size() == 2; }));
 }
 
+// The library waits by select, which knows descriptors below 1024 only; a new connection takes the place of the
+// former one, however many have been opened since. What a device's service may open is more than that.
+TEST(MqttConnection, ComesBackBelow1024HoweverManyDescriptorsAreOpen) {
+    constexpr int MANY = 2000;
+    const rlimit limit = {2 * MANY, 2 * MANY};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    broker mosquitto;
+    test_client client;
+    ASSERT_TRUE(client.is_ready());
+    std::vector<int> opened;
+    while (opened.empty() || opened.back() < MANY)
+        opened.push_back(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+
+    mosquitto.stop();
+    while (client.loop(-1, 1) == MOSQ_ERR_SUCCESS)
+        continue;
+    mosquitto.start();
+    ASSERT_EQ(client.reconnect(), MOSQ_ERR_SUCCESS);
+    ASSERT_TRUE(client.loops_until([&] { return client.connects.size() == 2; }));
+    client.send_message(nullptr, "test/a", "again");
+    EXPECT_TRUE(client.loops_until([&] { return !client.messages.empty(); }));
+    for (const int descriptor : opened)
+        close(descriptor);
+}
+
 TEST(MqttConnection, PassesARefusalOnAndSubscribesNothing) {
     make_etc_private();
     write_text("/etc/tessard/extra-subscriptions", "extra\n");
@@ -163,6 +203,32 @@ TEST(MqttConnection, DoesNotWaitForAcknowledgementsBetweenSmallPackets) {
     test_client client;
     ASSERT_TRUE(client.is_ready());
     EXPECT_NE(client.no_delay, 0);
+}
+
+TEST(MqttConnection, IsNotInheritedByWhatSystemStarts) {
+    broker mosquitto;
+    test_client client;
+    ASSERT_EQ(client.start_mqtt_connection(), MOSQ_ERR_SUCCESS);
+    EXPECT_THAT(open_in_a_child(), HAS_NO_SOCKET);
+    ASSERT_TRUE(client.loops_until([&] { return client.connects.size() == 1; }));
+    ASSERT_GE(client.socket(), 0);
+    EXPECT_THAT(open_in_a_child(), HAS_NO_SOCKET);
+    mosquitto.stop();
+    while (client.loop(-1, 1) == MOSQ_ERR_SUCCESS)
+        continue;
+    mosquitto.start();
+    ASSERT_EQ(client.reconnect(), MOSQ_ERR_SUCCESS);
+    ASSERT_TRUE(client.loops_until([&] { return client.connects.size() == 2; }));
+    EXPECT_THAT(open_in_a_child(), HAS_NO_SOCKET);
+}
+
+// In the hook already the agent may start something.
+TEST(MqttConnection, IsNotInheritedByWhatTheConnectHookStarts) {
+    const broker mosquitto;
+    test_client client;
+    client.connected = [] { EXPECT_THAT(open_in_a_child(), HAS_NO_SOCKET); };
+    ASSERT_EQ(client.start_mqtt_connection(), MOSQ_ERR_SUCCESS);
+    ASSERT_TRUE(client.loops_until([&] { return client.connects.size() == 1; }));
 }
 
 TEST(MqttConnection, LetsNoExceptionOfAHookOut) {
@@ -221,6 +287,30 @@ TEST(MqttExtraSubscriptions, AreLeftOutWhenTheConnectionIsRefused) {
     client.send_message(nullptr, "test/a", "end");
     ASSERT_TRUE(client.loops_until([&] { return !client.messages.empty(); }));
     EXPECT_EQ(client.subscriptions, 2) << "none new";
+}
+
+// The agent subscribes seven topics and reads one packet in each of its passes.
+TEST(MqttConnection, ReadsTheAnswersToItsSubscriptionsBeforeTheFirstMessage) {
+    class : public test_client {
+        void derived_on_connect(int) override {
+            for (int i = 0; i < 7; ++i)
+                subscribe(nullptr, ("test/" + std::to_string(i)).c_str());
+            send_message(nullptr, "test/6", "first");
+        }
+    } client;
+    const broker mosquitto;
+    ASSERT_EQ(client.start_mqtt_connection(), MOSQ_ERR_SUCCESS);
+
+    int passes = 0;
+    for (; passes < 100 && client.messages.empty(); ++passes) {
+        pollfd from_broker = {.fd = client.socket(), .events = POLLIN, .revents = 0};
+        poll(&from_broker, 1, 200); // as the agent, which sleeps for a second here
+        client.loop(1000, 1);
+    }
+
+    EXPECT_THAT(client.messages, ElementsAre("test/6 first"));
+    EXPECT_GE(passes, 9); // the connection, seven subscriptions and the message
+    EXPECT_LE(passes, 12);
 }
 
 TEST(MqttMessage, HasAnEmptyTextForAnEmptyPayload) {

@@ -1,11 +1,10 @@
 // The request to abort a running configuration apply.
 #include "tests/fakes/agent_test.h"
 
-#include "agent/abort_request.h"
+#include "agent/requests/abort_request.h"
 
 #include <thread>
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 class AbortRequest : public AgentTest {
@@ -23,7 +22,7 @@ TEST_F(AbortRequest, IsTheTimeAtWhichItCame) {
     request_abort(client);
 
     EXPECT_EQ(client.abort_request_time, START_TIME);
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("Abort cmd apply requested at time 1700000000")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("Abort cmd apply requested at time 1700000000")));
 }
 
 TEST_F(AbortRequest, ALaterOneReplacesTheFormer) {

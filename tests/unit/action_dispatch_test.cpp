@@ -9,7 +9,6 @@
 #include "config/apply.h"
 #include "jobs/job_status.h"
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
@@ -87,10 +86,10 @@ INSTANTIATE_TEST_SUITE_P(Each, KnownAction,
 TEST_P(KnownAction, RunsItsRoutineAndNothingElse) {
     execute(std::string(R"({"jobId":"77", "status":"received", "action":")") + GetParam().action + "\"}");
 
-    EXPECT_THAT(run, ElementsAre(GetParam().routine));
+    EXPECT_THAT(run, ListIs(GetParam().routine));
     EXPECT_FALSE(job.isMember("msg"));
     EXPECT_THAT(calls(), IsEmpty());
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("executing jobId: 77")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("executing jobId: 77")));
 }
 
 class UnknownAction : public JobAction, public testing::WithParamInterface<const char *> {};
@@ -121,21 +120,21 @@ TEST_F(JobAction, ThatIsMissingLeavesTheJobAsItIs) {
     EXPECT_THAT(job, IsJson(R"({"jobId":"77", "status":"received"})"));
     EXPECT_THAT(run, IsEmpty());
     EXPECT_THAT(calls(), IsEmpty());
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("executing jobId: 77")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("executing jobId: 77")));
 }
 
 TEST_F(JobAction, IsRunForAJobWithoutAnId) {
     execute(R"({"action":"CMD"})");
 
-    EXPECT_THAT(run, ElementsAre("execute_action_cmd "));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("executing jobId: ")));
+    EXPECT_THAT(run, ListIs("execute_action_cmd "));
+    EXPECT_THAT(log_lines(), ListIs(Debug("executing jobId: ")));
 }
 
 TEST_F(JobAction, AppliesAConfigurationOnceItsCheckLeftTheJobExecuted) {
     status_left = "executed";
     execute(R"({"jobId":"77", "action":"CFG"})");
 
-    EXPECT_THAT(run, ElementsAre("execute_config_job 77", "cmd_apply 77"));
+    EXPECT_THAT(run, ListIs("execute_config_job 77", "cmd_apply 77"));
     EXPECT_EQ(client_given, &client);
 }
 
@@ -145,13 +144,13 @@ TEST_F(JobAction, AppliesNoConfigurationOfAJobThatHasEndedInItsCheck) {
         status_left = status;
         execute(R"({"jobId":"77", "action":"CFG", "status":"executed"})");
 
-        EXPECT_THAT(run, ElementsAre("execute_config_job 77")) << status;
+        EXPECT_THAT(run, ListIs("execute_config_job 77")) << status;
     }
 }
 
 TEST_F(JobAction, AppliesTheFailsafeConfigurationWithTheClient) {
     execute(R"({"jobId":"FAILSAFE_CONFIG", "action":"FAILSAFE_CONFIG"})");
 
-    EXPECT_THAT(run, ElementsAre("cmd_apply FAILSAFE_CONFIG"));
+    EXPECT_THAT(run, ListIs("cmd_apply FAILSAFE_CONFIG"));
     EXPECT_EQ(client_given, &client);
 }

@@ -4,7 +4,6 @@
 
 #include <filesystem>
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -36,7 +35,7 @@ TEST_F(ActiveJobCount, CountsTheNamesInTheFolder) {
     EXPECT_EQ(update_active_job_count(), 3);
 
     EXPECT_EQ(fakes::config().database_ints["SYS_JOB_COUNT"], 3);
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("active job count: 3")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("active job count: 3")));
 }
 
 TEST_F(ActiveJobCount, DeletesCountsAndStoresInThisOrder) {
@@ -44,15 +43,14 @@ TEST_F(ActiveJobCount, DeletesCountsAndStoresInThisOrder) {
 
     EXPECT_EQ(update_active_job_count(), 0);
 
-    EXPECT_THAT(calls(),
-                ElementsAre("delete_file /tmp/.active_job_count", std::string("orvsys ") + COUNT_COMMAND,
-                            "sysdb_namedb_write_int SYS SYS_JOB_COUNT 0"));
+    EXPECT_THAT(calls(), ListIs("delete_file /tmp/.active_job_count", std::string("orvsys ") + COUNT_COMMAND,
+                                "sysdb_namedb_write_int SYS SYS_JOB_COUNT 0"));
 }
 
 TEST_F(ActiveJobCount, IsZeroForAnEmptyFolder) {
     EXPECT_EQ(update_active_job_count(), 0);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("active job count: 0")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("active job count: 0")));
     EXPECT_EQ(fakes::config().database_ints.at("SYS_JOB_COUNT"), 0);
 }
 
@@ -102,7 +100,7 @@ TEST_F(ActiveJobCount, LogsButDoesNotStoreANegativeNumber) {
 
     EXPECT_EQ(update_active_job_count(), -1);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("active job count: -3")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("active job count: -3")));
     expect_database_untouched();
 }
 

@@ -7,7 +7,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -40,15 +39,15 @@ TEST_F(ApplyEnd, ClearsEverythingInItsOrder) {
     const auto end = std::find_if(all.begin(), all.end(), [](const std::string &line) {
         return line == "delete_file /var/data/orv/vantrel_iot/jobs/active/LOCAL_FW_UPGRADE";
     });
-    EXPECT_THAT(
-        std::vector(end, all.end()),
-        ElementsAre(
-            "delete_file /var/data/orv/vantrel_iot/jobs/active/LOCAL_FW_UPGRADE",
-            "delete_file /var/data/orv/ACTIVE_JOB", "delete_file /var/volatile/config/config.new",
-            "delete_file /var/volatile/config/config.new.hash", "delete_file /var/data/orv/config.new",
-            "sync_to_fs 2", "sleep 2", "delete_file /var/run/ACTIVE_JOB", "clear_config_apply_in_progress",
-            "delete_file /var/data/orv/FAILSAFE_TIMER", "delete_file /var/run/CONFIG_MODIFIED",
-            "delete_file /var/volatile/orv/FW_JOBID", "delete_file /var/volatile/orv/CONFIG_JOB_EXECUTING"));
+    EXPECT_THAT(std::vector(end, all.end()),
+                ListIs("delete_file /var/data/orv/vantrel_iot/jobs/active/LOCAL_FW_UPGRADE",
+                       "delete_file /var/data/orv/ACTIVE_JOB", "delete_file /var/volatile/config/config.new",
+                       "delete_file /var/volatile/config/config.new.hash",
+                       "delete_file /var/data/orv/config.new", "sync_to_fs 2", "sleep 2",
+                       "delete_file /var/run/ACTIVE_JOB", "clear_config_apply_in_progress",
+                       "delete_file /var/data/orv/FAILSAFE_TIMER", "delete_file /var/run/CONFIG_MODIFIED",
+                       "delete_file /var/volatile/orv/FW_JOBID",
+                       "delete_file /var/volatile/orv/CONFIG_JOB_EXECUTING"));
 }
 
 TEST_F(ApplyEnd, IsShownAndReportedBeforeAnythingIsCleared) {
@@ -56,9 +55,9 @@ TEST_F(ApplyEnd, IsShownAndReportedBeforeAnythingIsCleared) {
 
     const auto seen =
         calls_of({"update_config_apply_status", "send_message", "clear_config_apply_in_progress"});
-    EXPECT_THAT(seen, ElementsAre("update_config_apply_status config apply has no new config to apply",
-                                  HasSubstr("send_message v1/device/job/77/ack"),
-                                  "clear_config_apply_in_progress"));
+    EXPECT_THAT(seen,
+                ListIs("update_config_apply_status config apply has no new config to apply",
+                       HasSubstr("send_message v1/device/job/77/ack"), "clear_config_apply_in_progress"));
 }
 
 TEST_F(ApplyEnd, TheAbortRequestIsForgottenAfterTheMarkersAndBeforeTheJobInProgress) {
@@ -145,7 +144,7 @@ TEST_F(ApplyEnd, DeletesTheJobFileOfALocalUpgrade) {
 
     apply();
 
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
 }
 
 TEST_F(ApplyEnd, LetsTheNextApplyRun) {
@@ -164,7 +163,7 @@ TEST_F(ApplyEnd, LetsTheNextApplyRun) {
 TEST_F(ApplyEnd, ShowsAValidationResultThatIsText) {
     job["validation_result"] = "of an earlier run";
     apply();
-    EXPECT_THAT(progress(), ElementsAre("config apply has no new config to apply", "of an earlier run"));
+    EXPECT_THAT(progress(), ListIs("config apply has no new config to apply", "of an earlier run"));
 }
 
 TEST_F(ApplyEnd, ShowsNoValidationResultThatIsNotText) {
@@ -176,8 +175,8 @@ TEST_F(ApplyEnd, ShowsNoValidationResultThatIsNotText) {
 
         apply();
 
-        EXPECT_THAT(progress(), ElementsAre("config apply has no new config to apply")) << result;
-        EXPECT_THAT(reported(), ElementsAre("failed")) << result;
+        EXPECT_THAT(progress(), ListIs("config apply has no new config to apply")) << result;
+        EXPECT_THAT(reported(), ListIs("failed")) << result;
     }
 }
 
@@ -200,7 +199,7 @@ TEST_F(ApplyEnd, AJobOfAnyOtherActionIsReported) {
 
         apply();
 
-        EXPECT_THAT(reported(), ElementsAre("failed")) << action;
+        EXPECT_THAT(reported(), ListIs("failed")) << action;
     }
     EXPECT_THAT(log_lines(), Contains(Notice("update_job_status: 77 failed post_status: 1")));
 }

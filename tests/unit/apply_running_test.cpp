@@ -6,7 +6,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -32,8 +31,8 @@ TEST_F(ApplyValid, ComparesOldAndNewBeforeTheCandidateBecomesTheRunningOne) {
     apply(new_config());
 
     EXPECT_THAT(calls_of({"get_config_change_list"}),
-                ElementsAre("get_config_change_list /var/volatile/config/config.running "
-                            "/var/volatile/config/config.new"));
+                ListIs("get_config_change_list /var/volatile/config/config.running "
+                       "/var/volatile/config/config.new"));
     EXPECT_THAT(file_json(RUNNING), HasMembers(R"({"name":"new"})"));
     EXPECT_EQ(file_text(RUNNING_HASH), fakes::hash_of(json(new_config())));
 }
@@ -139,8 +138,8 @@ TEST_F(ApplyValid, DecidesOnFailsafeBeforeItAppliesAnything) {
 
     const std::vector<std::string> seen = progress();
     EXPECT_THAT(std::vector(seen.begin(), seen.begin() + 4),
-                ElementsAre("validating config", "config validation successful",
-                            "config apply has failsafe enabled", "applying new config"));
+                ListIs("validating config", "config validation successful",
+                       "config apply has failsafe enabled", "applying new config"));
 }
 
 TEST_F(ApplyValid, IgnoresCopiesThatFail) {
@@ -168,7 +167,7 @@ TEST_F(ApplyValid, AHardwareFailureEndsTheJobAndLeavesTheCandidateRunning) {
     EXPECT_FALSE(exists(TIMER));
     EXPECT_THAT(story(), Not(Contains(HasSubstr("restore_failsafe"))));
     EXPECT_THAT(published_topics(), Not(Contains(HasSubstr("v1/device/config/"))));
-    EXPECT_THAT(reported(), ElementsAre("failed"));
+    EXPECT_THAT(reported(), ListIs("failed"));
     EXPECT_FALSE(exists(NEW));
 }
 
@@ -188,16 +187,16 @@ TEST_F(ApplyValid, WithoutFailsafeChangesAreAnnouncedAfterTheCommitAndBeforeTheO
 
     apply(new_config());
 
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/config/gps.gps/update",
-                                                "v1/device/config/apps/update", "v1/device/job/77/ack"));
-    EXPECT_THAT(reported(), ElementsAre("success"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/config/gps.gps/update", "v1/device/config/apps/update",
+                                           "v1/device/job/77/ack"));
+    EXPECT_THAT(reported(), ListIs("success"));
     const std::vector<std::string> order =
         calls_of({"save_hw_config_section_to_nv", "send_message", "clear_config_apply_in_progress"});
     EXPECT_THAT(order,
-                ElementsAre("save_hw_config_section_to_nv", "send_message v1/device/config/gps.gps/update 77",
-                            "send_message v1/device/config/apps/update 77",
-                            testing::StartsWith("send_message v1/device/job/77/ack"),
-                            "clear_config_apply_in_progress"));
+                ListIs("save_hw_config_section_to_nv", "send_message v1/device/config/gps.gps/update 77",
+                       "send_message v1/device/config/apps/update 77",
+                       testing::StartsWith("send_message v1/device/job/77/ack"),
+                       "clear_config_apply_in_progress"));
 }
 
 TEST_F(ApplyValid, WithFailsafeTheReportBeforeTheCommitMayBeRepeatedAtTheEnd) {
@@ -218,7 +217,7 @@ TEST_F(ApplyValid, TheCopiesOfAnApplyWithFailsafeThatIsVerified) {
 
     apply(with_failsafe(R"({"enable":true, "auto_mode":true, "destination_ip":"192.0.2.1"})"));
 
-    EXPECT_THAT(story(), ElementsAre(
+    EXPECT_THAT(story(), ListIs(
                              // the persistent candidate and the volatile one are made equal
                              "copy volatile:config.new to data:config.new", "flush",
                              // the candidate gets its hash
@@ -251,7 +250,7 @@ TEST_F(ApplyValid, TheCopiesOfAnApplyWithFailsafeThatIsReverted) {
 
     apply(with_failsafe(R"({"enable":true, "auto_mode":true, "timer":1, "destination_ip":"192.0.2.1"})"));
 
-    EXPECT_THAT(story(), ElementsAre(
+    EXPECT_THAT(story(), ListIs(
                              // the persistent candidate and the volatile one are made equal
                              "copy volatile:config.new to data:config.new", "flush",
                              // the candidate gets its hash

@@ -6,7 +6,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
@@ -41,7 +40,7 @@ TEST_F(Apply, ASecondOneWhileOneRunsChangesNothing) {
 
     apply();
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("config apply is already in progress")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("config apply is already in progress")));
     EXPECT_EQ(all_calls().size(), before_it + 1); // that line
     EXPECT_EQ(job, job_before);
     EXPECT_TRUE(is_config_job_executing());
@@ -57,14 +56,13 @@ TEST_F(Apply, BeginsWithTheMarksOfAnApply) {
 
     const std::vector<std::string> all = calls();
     ASSERT_GT(all.size(), 8U);
-    EXPECT_THAT(
-        std::vector(all.begin(), all.begin() + 8),
-        ElementsAre("orvsys echo 1 > /var/volatile/orv/CONFIG_JOB_EXECUTING",
-                    "set_config_apply_in_progress executing config change",
-                    "delete_file /var/data/orv/FAILSAFE_TIMER", "delete_file /var/run/CONFIG_MODIFIED",
-                    "orvsys /bin/ln -s /var/data/orv/vantrel_iot/jobs/active/77 /var/run/ACTIVE_JOB",
-                    "copy_file /var/data/orv/vantrel_iot/jobs/active/77 /var/data/orv/ACTIVE_JOB",
-                    "copy_file /var/volatile/config/config.new /var/data/orv/config.new", "sync_to_fs 2"));
+    EXPECT_THAT(std::vector(all.begin(), all.begin() + 8),
+                ListIs("orvsys echo 1 > /var/volatile/orv/CONFIG_JOB_EXECUTING",
+                       "set_config_apply_in_progress executing config change",
+                       "delete_file /var/data/orv/FAILSAFE_TIMER", "delete_file /var/run/CONFIG_MODIFIED",
+                       "orvsys /bin/ln -s /var/data/orv/vantrel_iot/jobs/active/77 /var/run/ACTIVE_JOB",
+                       "copy_file /var/data/orv/vantrel_iot/jobs/active/77 /var/data/orv/ACTIVE_JOB",
+                       "copy_file /var/volatile/config/config.new /var/data/orv/config.new", "sync_to_fs 2"));
     EXPECT_EQ(log_lines().front(), (log_line{LOG_DEBUG, "executing config apply"}));
 }
 
@@ -83,11 +81,11 @@ TEST_F(Apply, WithoutACandidateTheJobFails) {
     apply();
 
     EXPECT_THAT(job, HasMembers(R"({"status":"failed", "msg":"config apply has no new config to apply"})"));
-    EXPECT_THAT(progress(), ElementsAre("config apply has no new config to apply"));
+    EXPECT_THAT(progress(), ListIs("config apply has no new config to apply"));
     EXPECT_THAT(calls_of({"encode_encrypt_fields_config_file", "calculate_and_write_config_hash"}),
                 IsEmpty());
     EXPECT_THAT(validations(), IsEmpty());
-    EXPECT_THAT(reported(), ElementsAre("failed"));
+    EXPECT_THAT(reported(), ListIs("failed"));
     EXPECT_FALSE(is_config_job_executing());
 }
 
@@ -105,7 +103,7 @@ TEST_F(Apply, ThePersistentCandidateWins) {
 TEST_F(Apply, TheMirrorStepFlushesEvenWithNothingToCopy) {
     sync_new_config();
 
-    EXPECT_THAT(calls(), ElementsAre("sync_to_fs 2"));
+    EXPECT_THAT(calls(), ListIs("sync_to_fs 2"));
 }
 
 TEST_F(Apply, TheMirrorStepMakesBothCandidatesEqual) {
@@ -116,8 +114,8 @@ TEST_F(Apply, TheMirrorStepMakesBothCandidatesEqual) {
     write_text(NEW_COPY, old_config());
     sync_new_config();
     EXPECT_EQ(file_text(NEW), old_config());
-    EXPECT_THAT(story(), ElementsAre("copy volatile:config.new to data:config.new", "flush",
-                                     "copy data:config.new to volatile:config.new", "flush"));
+    EXPECT_THAT(story(), ListIs("copy volatile:config.new to data:config.new", "flush",
+                                "copy data:config.new to volatile:config.new", "flush"));
 }
 
 TEST_F(Apply, AfterAnUpgradeThePersistentCandidateIsNotLookedAt) {
@@ -144,11 +142,11 @@ TEST_F(Apply, StoresSensitiveFieldsBeforeItHashesTheCandidate) {
 
     EXPECT_THAT(
         calls_of({"encode_encrypt_fields_config_file", "calculate_and_write_config_hash", "read_hash"}),
-        ElementsAre("encode_encrypt_fields_config_file /var/volatile/config/config.new",
-                    "calculate_and_write_config_hash /var/volatile/config/config.new "
-                    "/var/volatile/config/config.new.hash",
-                    "read_hash /var/volatile/config/config.new.hash",
-                    "read_hash /var/volatile/config/config.running.hash"));
+        ListIs("encode_encrypt_fields_config_file /var/volatile/config/config.new",
+               "calculate_and_write_config_hash /var/volatile/config/config.new "
+               "/var/volatile/config/config.new.hash",
+               "read_hash /var/volatile/config/config.new.hash",
+               "read_hash /var/volatile/config/config.running.hash"));
 }
 
 // --- nothing to do
@@ -160,11 +158,11 @@ TEST_F(Apply, TheRunningConfigurationAsCandidateIsASuccessWithoutAnyDeed) {
 
     EXPECT_THAT(job, HasMembers(R"({"status":"success", "msg":"no config changes to apply"})"));
     EXPECT_THAT(log_lines(), Contains(Notice("no config changes to apply")));
-    EXPECT_THAT(progress(), ElementsAre("no config changes to apply"));
+    EXPECT_THAT(progress(), ListIs("no config changes to apply"));
     EXPECT_THAT(validations(), IsEmpty());
     EXPECT_THAT(calls_of({"get_config_change_list", "store_meta_file", "system"}), IsEmpty());
     EXPECT_THAT(story(), Not(Contains(HasSubstr("to volatile:config.running"))));
-    EXPECT_THAT(reported(), ElementsAre("success"));
+    EXPECT_THAT(reported(), ListIs("success"));
     EXPECT_FALSE(exists(NEW));
 }
 
@@ -173,7 +171,7 @@ TEST_F(Apply, AfterAnUpgradeTheRunningConfigurationIsAppliedAllTheSame) {
 
     apply_after_upgrade();
 
-    EXPECT_THAT(validations(), ElementsAre("config_validator /var/volatile/config/config.new"));
+    EXPECT_THAT(validations(), ListIs("config_validator /var/volatile/config/config.new"));
     EXPECT_THAT(calls_of({"read_hash"}), IsEmpty());
     EXPECT_THAT(job, HasMembers(R"j({"status":"success", "msg":"config has been applied (no failsafe)"})j"));
     EXPECT_THAT(progress(), IsSupersetOf({"network restart", "reload iot config"}));
@@ -185,7 +183,7 @@ TEST_F(Apply, AMissingRunningHashSendsEveryCandidateThroughValidation) {
 
     apply();
 
-    EXPECT_THAT(validations(), ElementsAre("config_validator /var/volatile/config/config.new"));
+    EXPECT_THAT(validations(), ListIs("config_validator /var/volatile/config/config.new"));
     EXPECT_THAT(job, HasMembers(R"j({"status":"success", "msg":"config has been applied (no failsafe)"})j"));
 }
 
@@ -236,9 +234,9 @@ TEST_F(Apply, ShowsItsProgressFromValidationToSuccess) {
 
     apply();
 
-    EXPECT_THAT(progress(), ElementsAre("validating config", "config validation successful",
-                                        "config apply has failsafe disabled", "applying new config",
-                                        "config has been applied (no failsafe)"));
+    EXPECT_THAT(progress(), ListIs("validating config", "config validation successful",
+                                   "config apply has failsafe disabled", "applying new config",
+                                   "config has been applied (no failsafe)"));
 }
 
 TEST_F(Apply, ARejectedCandidateFailsWithTheValidatorsReason) {
@@ -252,11 +250,11 @@ TEST_F(Apply, ARejectedCandidateFailsWithTheValidatorsReason) {
                                 R"("validation_result":"network.mtu: expected an integer"})"));
     EXPECT_THAT(log_lines(), Contains(Notice("config validation failed : network.mtu: expected an integer")));
     EXPECT_THAT(log_lines(), Not(Contains(Alert(StartsWith("config validation failed")))));
-    EXPECT_THAT(progress(), ElementsAre("validating config", "config validation failed",
-                                        "network.mtu: expected an integer"));
+    EXPECT_THAT(progress(),
+                ListIs("validating config", "config validation failed", "network.mtu: expected an integer"));
     EXPECT_THAT(calls_of({"get_config_change_list", "store_meta_file"}), IsEmpty());
     EXPECT_THAT(file_json(RUNNING), IsJson(old_config()));
-    EXPECT_THAT(reported(), ElementsAre("failed"));
+    EXPECT_THAT(reported(), ListIs("failed"));
 }
 
 TEST_F(Apply, AValidatorWithoutAReasonLeavesThePresetOne) {
@@ -280,8 +278,8 @@ TEST_F(Apply, AfterAnUpgradeARejectionIsLoggedTwice) {
     for (const log_line &line : log_lines())
         if (line.text == "config validation failed : bad")
             rejections.push_back(line);
-    EXPECT_THAT(rejections, ElementsAre(Notice("config validation failed : bad"),
-                                        Alert("config validation failed : bad")));
+    EXPECT_THAT(rejections,
+                ListIs(Notice("config validation failed : bad"), Alert("config validation failed : bad")));
 }
 
 TEST_F(Apply, AValidCandidateHasNoValidationResult) {
@@ -305,7 +303,7 @@ TEST_F(Apply, AnAbortBeforeValidationEndsTheJob) {
 
     EXPECT_THAT(job, HasMembers(R"({"status":"failed", "msg":"cmd apply aborted"})"));
     EXPECT_THAT(progress(),
-                ElementsAre("validating config", "Aborting before config validator", "cmd apply aborted"));
+                ListIs("validating config", "Aborting before config validator", "cmd apply aborted"));
     EXPECT_THAT(validations(), IsEmpty());
     EXPECT_EQ(client.abort_request_time, 0);
     EXPECT_FALSE(exists(NEW));
@@ -321,8 +319,8 @@ TEST_F(Apply, AnAbortDuringValidationEndsTheJobAfterIt) {
     apply();
 
     EXPECT_THAT(job, HasMembers(R"({"status":"failed", "msg":"cmd apply aborted"})"));
-    EXPECT_THAT(progress(), ElementsAre("validating config", "config validation successful",
-                                        "Aborting after config validator", "cmd apply aborted"));
+    EXPECT_THAT(progress(), ListIs("validating config", "config validation successful",
+                                   "Aborting after config validator", "cmd apply aborted"));
     EXPECT_THAT(file_json(RUNNING), IsJson(old_config()));
 }
 

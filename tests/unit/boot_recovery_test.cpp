@@ -5,7 +5,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -35,9 +34,9 @@ TEST_F(LocalUpgrade, AWorkingConfigurationKeepsTheFirmwareAndReboots) {
                   "Booting from local FW upgrade: staged configs are available, verifying config changes"}));
     EXPECT_THAT(file_json(SAVED), IsJson(new_config()));
     EXPECT_THAT(progress(), Contains("network restart"));
-    EXPECT_THAT(reboots(), ElementsAre("request_reboot_blocking"));
+    EXPECT_THAT(reboots(), ListIs("request_reboot_blocking"));
     EXPECT_THAT(log_lines(), Contains(Alert("rebooting after successful FW upgrade")));
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
     expect_nothing_staged();
 }
 
@@ -47,7 +46,7 @@ TEST_F(LocalUpgrade, AConfigurationThatDoesNotWorkGoesBackToTheFormerFirmware) {
 
     recover_local_fw_upgrade(client);
 
-    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
     EXPECT_THAT(log_lines(), Not(Contains(Alert("rebooting after successful FW upgrade"))));
     expect_nothing_staged();
 }
@@ -59,9 +58,9 @@ TEST_F(LocalUpgrade, EverythingIsDeletedBeforeTheReboot) {
 
     const std::vector<std::string> all = calls();
     EXPECT_THAT(std::vector(all.end() - 4, all.end()),
-                ElementsAre("delete_file /var/data/orv/config.staged",
-                            "delete_file /var/data/orv/config.staged.hash",
-                            "delete_file /var/data/orv/FIRMWARE_UPDATED", "request_reboot_blocking"));
+                ListIs("delete_file /var/data/orv/config.staged",
+                       "delete_file /var/data/orv/config.staged.hash",
+                       "delete_file /var/data/orv/FIRMWARE_UPDATED", "request_reboot_blocking"));
 }
 
 TEST_F(LocalUpgrade, ItsJobIsMadeForIt) {
@@ -83,7 +82,7 @@ TEST_F(LocalUpgrade, AnApplyThatThrowsGoesBack) {
     recover_local_fw_upgrade(client);
 
     EXPECT_THAT(log_lines(), Contains(Notice("cmd_apply: exception handler")));
-    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
 }
 
 TEST_F(LocalUpgrade, AnyAbortRequestAbortsIt) {
@@ -93,7 +92,7 @@ TEST_F(LocalUpgrade, AnyAbortRequestAbortsIt) {
     recover_local_fw_upgrade(client);
 
     EXPECT_THAT(log_lines(), Contains(Debug("Need to abort (job time:0 abort request time:1)")));
-    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
 }
 
 TEST_F(LocalUpgrade, HoldsTheJobMutexForTheVerificationAlone) {
@@ -116,7 +115,7 @@ TEST_F(LocalUpgrade, WithOneOfTheTwoStagedFilesNothingHappens) {
 
         recover_local_fw_upgrade(client);
 
-        EXPECT_THAT(log_lines(), ElementsAre(Debug("No staged config found"))) << missing;
+        EXPECT_THAT(log_lines(), ListIs(Debug("No staged config found"))) << missing;
     }
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_TRUE(exists(UPDATED));
@@ -125,7 +124,7 @@ TEST_F(LocalUpgrade, WithOneOfTheTwoStagedFilesNothingHappens) {
 TEST_F(LocalUpgrade, WithoutStagedFilesNothingHappens) {
     recover_local_fw_upgrade(client);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("No staged config found")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("No staged config found")));
     EXPECT_THAT(calls(), IsEmpty());
 }
 
@@ -161,7 +160,7 @@ TEST_F(ConfigRecovery, IsFinishedFromWhatOutlivedTheReboot) {
                                     "need to finish config verification/cmd_apply"}));
     EXPECT_THAT(file_json(SAVED), IsJson(new_config()));
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"success"})"));
-    EXPECT_THAT(reported(), ElementsAre("success"));
+    EXPECT_THAT(reported(), ListIs("success"));
     for (const char *path : {JOB_COPY, NEW_COPY, NEW, JOB_LINK})
         EXPECT_FALSE(exists(path)) << path;
 }
@@ -179,7 +178,7 @@ TEST_F(ConfigRecovery, TakesTheJobFromItsCopy) {
 
     recover_config_job(client);
 
-    EXPECT_THAT(reported("78"), ElementsAre("success"));
+    EXPECT_THAT(reported("78"), ListIs("success"));
     EXPECT_THAT(reported("77"), IsEmpty());
 }
 
@@ -201,8 +200,7 @@ TEST_F(ConfigRecovery, WithoutOneOfTheTwoNothingIsResumed) {
 
         recover_config_job(client);
 
-        EXPECT_THAT(log_lines(), ElementsAre(Debug("No remnant config and active config job found")))
-            << missing;
+        EXPECT_THAT(log_lines(), ListIs(Debug("No remnant config and active config job found"))) << missing;
     }
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_TRUE(exists(JOB_COPY));
@@ -213,7 +211,7 @@ TEST_F(ConfigRecovery, AnUnreadableCopyOfTheJobSkipsTheApply) {
 
     recover_config_job(client);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice(HasSubstr("Found remnant active config job"))));
+    EXPECT_THAT(log_lines(), ListIs(Notice(HasSubstr("Found remnant active config job"))));
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_TRUE(free_for_another_thread(job_manager_mutex));
 }

@@ -5,7 +5,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -43,31 +42,30 @@ protected:
 TEST_F(ChangeActions, NoChangeStoresTheMetaDataAndDoesNothingElse) {
     EXPECT_EQ(apply("[]"), 0);
 
-    EXPECT_THAT(calls(), ElementsAre("store_meta_file"));
+    EXPECT_THAT(calls(), ListIs("store_meta_file"));
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
 TEST_F(ChangeActions, AChangeListThatIsNullIsNoChange) {
     EXPECT_EQ(apply("null"), 0);
 
-    EXPECT_THAT(calls(), ElementsAre("store_meta_file"));
+    EXPECT_THAT(calls(), ListIs("store_meta_file"));
 }
 
 TEST_F(ChangeActions, AfterAnUpgradeEveryServiceRestartsInTheFixedOrder) {
     EXPECT_EQ(apply("[]", true), 0);
 
-    EXPECT_THAT(
-        calls(),
-        ElementsAre("store_meta_file",                                                                //
-                    "update_config_apply_status network restart", "system /usr/bin/cmd_netgen apply", //
-                    "update_config_apply_status firewall restart", "system /usr/bin/cmd_firewall apply",
-                    "update_config_apply_status wifi restart", "system /usr/bin/cmd_wifi apply",
-                    "system /usr/bin/cmd_wifi reload", //
-                    "update_config_apply_status cell restart", "execute_systemctl_reload qtel-mgr",
-                    "update_config_apply_status ipsec restart", "system /usr/bin/cmd_ipsec restart",
-                    "update_config_apply_status netwd restart", "execute_systemctl_reload vtr-netwd",
-                    "update_config_apply_status apps restart", "execute_systemctl_reload vtr-app-mgr",
-                    "update_config_apply_status reload iot config", "execute_systemctl_reload vtr-iot"));
+    EXPECT_THAT(calls(),
+                ListIs("store_meta_file",                                                                //
+                       "update_config_apply_status network restart", "system /usr/bin/cmd_netgen apply", //
+                       "update_config_apply_status firewall restart", "system /usr/bin/cmd_firewall apply",
+                       "update_config_apply_status wifi restart", "system /usr/bin/cmd_wifi apply",
+                       "system /usr/bin/cmd_wifi reload", //
+                       "update_config_apply_status cell restart", "execute_systemctl_reload qtel-mgr",
+                       "update_config_apply_status ipsec restart", "system /usr/bin/cmd_ipsec restart",
+                       "update_config_apply_status netwd restart", "execute_systemctl_reload vtr-netwd",
+                       "update_config_apply_status apps restart", "execute_systemctl_reload vtr-app-mgr",
+                       "update_config_apply_status reload iot config", "execute_systemctl_reload vtr-iot"));
 }
 
 TEST_F(ChangeActions, AfterAnUpgradeThePulseStillNeedsItsLine) {
@@ -84,12 +82,11 @@ TEST_F(ChangeActions, TheOrderOfRestartsIsNotTheOrderOfTheList) {
                     "," + area("b", {"/usr/bin/cmd_wifi apply"}) + "]"),
               0);
 
-    EXPECT_THAT(deeds(),
-                ElementsAre("system /usr/bin/cmd_netgen apply", "system /usr/bin/cmd_firewall apply",
-                            "system /usr/bin/cmd_wifi apply", "system /usr/bin/cmd_wifi reload",
-                            "execute_systemctl_reload qtel-mgr", "system /usr/bin/cmd_ipsec restart",
-                            "execute_systemctl_reload vtr-netwd", "execute_systemctl_reload vtr-app-mgr",
-                            "execute_systemctl_reload vtr-iot"));
+    EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_netgen apply", "system /usr/bin/cmd_firewall apply",
+                                "system /usr/bin/cmd_wifi apply", "system /usr/bin/cmd_wifi reload",
+                                "execute_systemctl_reload qtel-mgr", "system /usr/bin/cmd_ipsec restart",
+                                "execute_systemctl_reload vtr-netwd", "execute_systemctl_reload vtr-app-mgr",
+                                "execute_systemctl_reload vtr-iot"));
 }
 
 TEST_F(ChangeActions, TwoAreasShareOneRestart) {
@@ -97,9 +94,8 @@ TEST_F(ChangeActions, TwoAreasShareOneRestart) {
                     area("network.monitoring.multiwan") + "]"),
               0);
 
-    EXPECT_THAT(deeds(),
-                ElementsAre("system /usr/bin/cmd_netgen apply", "system /usr/bin/cmd_firewall apply"));
-    EXPECT_THAT(progress(), ElementsAre("network restart", "firewall restart"));
+    EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_netgen apply", "system /usr/bin/cmd_firewall apply"));
+    EXPECT_THAT(progress(), ListIs("network restart", "firewall restart"));
 }
 
 TEST_F(ChangeActions, FailingCommandsAreNotLookedAt) {
@@ -116,18 +112,17 @@ TEST_F(ChangeActions, FailingCommandsAreNotLookedAt) {
 
 TEST_F(ChangeActions, MultiWanMonitoringRestartsTheNetwork) {
     change("network.monitoring.multiwan");
-    EXPECT_THAT(deeds(), ElementsAre("system /usr/bin/cmd_netgen apply"));
+    EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_netgen apply"));
 }
 
 TEST_F(ChangeActions, TunnelsRestartIpsecAndFirewall) {
     change("network.tunnels.ipsec");
-    EXPECT_THAT(deeds(),
-                ElementsAre("system /usr/bin/cmd_firewall apply", "system /usr/bin/cmd_ipsec restart"));
+    EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_firewall apply", "system /usr/bin/cmd_ipsec restart"));
 }
 
 TEST_F(ChangeActions, TheCloudsAreaReloadsIot) {
     change("iot.vantrel_iot");
-    EXPECT_THAT(deeds(), ElementsAre("execute_systemctl_reload vtr-iot"));
+    EXPECT_THAT(deeds(), ListIs("execute_systemctl_reload vtr-iot"));
 }
 
 TEST_F(ChangeActions, PathsAreComparedWhole) {
@@ -150,8 +145,7 @@ TEST_F(ChangeActions, ANetworkCommandRestartsNetworkAndFirewall) {
                              "nice /usr/bin/cmd_netgen apply lan", "cmd_netgen apply --pulse"}) {
         fakes::reset_calls();
         change("network.lan", {line});
-        EXPECT_THAT(deeds(),
-                    ElementsAre("system /usr/bin/cmd_netgen apply", "system /usr/bin/cmd_firewall apply"))
+        EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_netgen apply", "system /usr/bin/cmd_firewall apply"))
             << line;
     }
 }
@@ -162,8 +156,8 @@ TEST_F(ChangeActions, ANetworkCommandWithAPulsePulsesEthernet) {
           "echo --pulse-ethernet; cmd_netgen apply"}) {
         fakes::reset_calls();
         change("network.lan", {line});
-        EXPECT_THAT(deeds(), ElementsAre("system /usr/bin/cmd_netgen apply --pulse-ethernet",
-                                         "system /usr/bin/cmd_firewall apply"))
+        EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_netgen apply --pulse-ethernet",
+                                    "system /usr/bin/cmd_firewall apply"))
             << line;
     }
 }
@@ -171,37 +165,36 @@ TEST_F(ChangeActions, ANetworkCommandWithAPulsePulsesEthernet) {
 TEST_F(ChangeActions, OnePulseIsEnoughAmongPlainNetworkCommands) {
     change("network.lan", {"/usr/bin/cmd_netgen apply", "/usr/bin/cmd_netgen apply --pulse-ethernet",
                            "/usr/bin/cmd_netgen apply"});
-    EXPECT_THAT(deeds(), ElementsAre("system /usr/bin/cmd_netgen apply --pulse-ethernet",
-                                     "system /usr/bin/cmd_firewall apply"));
+    EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_netgen apply --pulse-ethernet",
+                                "system /usr/bin/cmd_firewall apply"));
 }
 
 TEST_F(ChangeActions, AFirewallCommandRestartsTheFirewall) {
     change("network.firewall", {"/usr/bin/cmd_firewall apply"});
-    EXPECT_THAT(deeds(), ElementsAre("system /usr/bin/cmd_firewall apply"));
+    EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_firewall apply"));
 }
 
 TEST_F(ChangeActions, AWifiCommandRestartsNetworkAndFirewallToo) {
     change("network.wireless.wifi", {"/usr/bin/cmd_wifi apply"});
-    EXPECT_THAT(deeds(), ElementsAre("system /usr/bin/cmd_netgen apply", "system /usr/bin/cmd_firewall apply",
-                                     "system /usr/bin/cmd_wifi apply", "system /usr/bin/cmd_wifi reload"));
+    EXPECT_THAT(deeds(), ListIs("system /usr/bin/cmd_netgen apply", "system /usr/bin/cmd_firewall apply",
+                                "system /usr/bin/cmd_wifi apply", "system /usr/bin/cmd_wifi reload"));
 }
 
 TEST_F(ChangeActions, AReloadOfTheModemManagerRestartsCellAndNetwd) {
     change("network.wireless.cell", {"/bin/systemctl reload qtel-mgr"});
-    EXPECT_THAT(deeds(),
-                ElementsAre("execute_systemctl_reload qtel-mgr", "execute_systemctl_reload vtr-netwd"));
-    EXPECT_THAT(progress(), ElementsAre("cell restart", "netwd restart"));
+    EXPECT_THAT(deeds(), ListIs("execute_systemctl_reload qtel-mgr", "execute_systemctl_reload vtr-netwd"));
+    EXPECT_THAT(progress(), ListIs("cell restart", "netwd restart"));
 }
 
 TEST_F(ChangeActions, AReloadOfNetwdRestartsNetwd) {
     change("network.x", {"/bin/systemctl reload vtr-netwd"});
-    EXPECT_THAT(deeds(), ElementsAre("execute_systemctl_reload vtr-netwd"));
+    EXPECT_THAT(deeds(), ListIs("execute_systemctl_reload vtr-netwd"));
 }
 
 TEST_F(ChangeActions, AReloadOfIotReloadsIot) {
     change("iot.x", {"/bin/systemctl reload vtr-iot"});
-    EXPECT_THAT(deeds(), ElementsAre("execute_systemctl_reload vtr-iot"));
-    EXPECT_THAT(progress(), ElementsAre("reload iot config"));
+    EXPECT_THAT(deeds(), ListIs("execute_systemctl_reload vtr-iot"));
+    EXPECT_THAT(progress(), ListIs("reload iot config"));
 }
 
 TEST_F(ChangeActions, AnyOtherCommandRunsVerbatimAtOnceAndBeforeTheRestarts) {
@@ -209,9 +202,9 @@ TEST_F(ChangeActions, AnyOtherCommandRunsVerbatimAtOnceAndBeforeTheRestarts) {
                     area("b", {"/opt/second"}) + "]"),
               0);
 
-    EXPECT_THAT(calls(), ElementsAre("store_meta_file", "system /opt/first --x 'y z'", "system /opt/second",
-                                     "update_config_apply_status firewall restart",
-                                     "system /usr/bin/cmd_firewall apply"));
+    EXPECT_THAT(calls(),
+                ListIs("store_meta_file", "system /opt/first --x 'y z'", "system /opt/second",
+                       "update_config_apply_status firewall restart", "system /usr/bin/cmd_firewall apply"));
     EXPECT_THAT(log_lines(), Contains(Debug("execute config apply action: /opt/first --x 'y z'")));
     EXPECT_THAT(log_lines(), Not(Contains(Debug(HasSubstr("execute config apply action: /usr/bin/")))));
 }
@@ -224,7 +217,7 @@ TEST_F(ChangeActions, AlmostAKnownCommandRunsVerbatim) {
           "/usr/bin/cmd_netgen  apply"}) {
         fakes::reset_calls();
         change("x", {line});
-        EXPECT_THAT(deeds(), ElementsAre(std::string("system ") + line));
+        EXPECT_THAT(deeds(), ListIs(std::string("system ") + line));
     }
 }
 
@@ -232,10 +225,10 @@ TEST_F(ChangeActions, LogsEachAreaAndEachOfItsCommands) {
     change("network.lan", {"/usr/bin/cmd_netgen apply", "true"});
 
     EXPECT_THAT(log_lines(),
-                ElementsAre(Debug("config path: network.lan"),
-                            Debug("config path: network.lan  apply action: /usr/bin/cmd_netgen apply"),
-                            Debug("config path: network.lan  apply action: true"),
-                            Debug("execute config apply action: true")));
+                ListIs(Debug("config path: network.lan"),
+                       Debug("config path: network.lan  apply action: /usr/bin/cmd_netgen apply"),
+                       Debug("config path: network.lan  apply action: true"),
+                       Debug("execute config apply action: true")));
 }
 
 TEST_F(ChangeActions, AnAreaWithoutCommandsAsksForNothing) {
@@ -249,14 +242,12 @@ TEST_F(ChangeActions, AnAreaWithoutCommandsAsksForNothing) {
 TEST_F(ChangeActions, HardwareIsAppliedFirstAndItsOwnCommandsAreNot) {
     EXPECT_EQ(apply("[" + area("iot.vantrel_iot") + "," + area("hardware", {"/opt/hardware"}) + "]"), 0);
 
-    EXPECT_THAT(calls(),
-                ElementsAre("store_meta_file",
-                            "update_config_apply_status detected hardware config change, updating meta",
-                            "cmd_hwconfig", "update_config_apply_status reload iot config",
-                            "execute_systemctl_reload vtr-iot"));
-    EXPECT_THAT(log_lines(),
-                ElementsAre(Notice("detected hardware config change"), Debug("config path: iot.vantrel_iot"),
-                            Debug("config path: hardware")));
+    EXPECT_THAT(calls(), ListIs("store_meta_file",
+                                "update_config_apply_status detected hardware config change, updating meta",
+                                "cmd_hwconfig", "update_config_apply_status reload iot config",
+                                "execute_systemctl_reload vtr-iot"));
+    EXPECT_THAT(log_lines(), ListIs(Notice("detected hardware config change"),
+                                    Debug("config path: iot.vantrel_iot"), Debug("config path: hardware")));
 }
 
 TEST_F(ChangeActions, AHardwareFailureRestoresTheMetaDataAndSkipsEveryOtherArea) {
@@ -265,12 +256,11 @@ TEST_F(ChangeActions, AHardwareFailureRestoresTheMetaDataAndSkipsEveryOtherArea)
     EXPECT_EQ(apply("[" + area("apps") + "," + area("hardware") + "," + area("x", {"/opt/x"}) + "]", true),
               -1);
 
-    EXPECT_THAT(calls(),
-                ElementsAre("store_meta_file",
-                            "update_config_apply_status detected hardware config change, updating meta",
-                            "cmd_hwconfig", "restore_meta_file",
-                            "update_config_apply_status error applying hardware config"));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("detected hardware config change")));
+    EXPECT_THAT(calls(), ListIs("store_meta_file",
+                                "update_config_apply_status detected hardware config change, updating meta",
+                                "cmd_hwconfig", "restore_meta_file",
+                                "update_config_apply_status error applying hardware config"));
+    EXPECT_THAT(log_lines(), ListIs(Notice("detected hardware config change")));
 }
 
 TEST_F(ChangeActions, WithoutAHardwareChangeTheHardwareIsLeftAloneEvenAfterAnUpgrade) {
@@ -287,10 +277,9 @@ TEST_F(ChangeActions, AppsAreReloadedWhenTheyChange) {
     change("apps");
 
     EXPECT_THAT(calls(),
-                ElementsAre("store_meta_file", "update_config_apply_status detected apps config change",
-                            "update_config_apply_status apps restart",
-                            "execute_systemctl_reload vtr-app-mgr"));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("detected apps config change"), Debug("config path: apps")));
+                ListIs("store_meta_file", "update_config_apply_status detected apps config change",
+                       "update_config_apply_status apps restart", "execute_systemctl_reload vtr-app-mgr"));
+    EXPECT_THAT(log_lines(), ListIs(Notice("detected apps config change"), Debug("config path: apps")));
 }
 
 TEST_F(ChangeActions, AppsChangedByAnUpgradeAreReloadedOnce) {
@@ -298,14 +287,14 @@ TEST_F(ChangeActions, AppsChangedByAnUpgradeAreReloadedOnce) {
 
     EXPECT_EQ(progress().front(), "detected apps config change");
     EXPECT_THAT(calls_of({"execute_systemctl_reload"}),
-                ElementsAre("execute_systemctl_reload qtel-mgr", "execute_systemctl_reload vtr-netwd",
-                            "execute_systemctl_reload vtr-app-mgr", "execute_systemctl_reload vtr-iot"));
+                ListIs("execute_systemctl_reload qtel-mgr", "execute_systemctl_reload vtr-netwd",
+                       "execute_systemctl_reload vtr-app-mgr", "execute_systemctl_reload vtr-iot"));
 }
 
 TEST_F(ChangeActions, TheCommandsOfAppsRunToo) {
     change("apps", {"/opt/app-hook"});
 
-    EXPECT_THAT(deeds(), ElementsAre("system /opt/app-hook", "execute_systemctl_reload vtr-app-mgr"));
+    EXPECT_THAT(deeds(), ListIs("system /opt/app-hook", "execute_systemctl_reload vtr-app-mgr"));
 }
 
 // --- the modem manager
@@ -354,7 +343,7 @@ TEST_F(ChangeActions, AnAreaIsChangedWhenItsPathStandsInTheList) {
     const Json::Value changes = json(R"([{"path":"apps.one"}, {"path":"apps"}, {"path":"apps"}])");
 
     EXPECT_TRUE(config_area_changed(changes, "apps"));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("detected apps config change")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("detected apps config change")));
     EXPECT_FALSE(config_area_changed(changes, "app"));
     EXPECT_FALSE(config_area_changed(changes, "apps.two"));
     EXPECT_FALSE(config_area_changed(json("[]"), "apps"));

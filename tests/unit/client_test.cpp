@@ -1,9 +1,8 @@
 // The client itself: what it is built with and what it subscribes.
 #include "tests/fakes/agent_test.h"
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;

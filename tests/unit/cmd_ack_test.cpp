@@ -2,10 +2,9 @@
 #include "tests/unit/reporting_test.h"
 
 #include "agent/acknowledgements.h"
-#include "agent/checkin.h"
+#include "agent/requests/checkin.h"
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -40,13 +39,13 @@ TEST_F(CmdAck, EndsTheJobAsSuccessAndReportsIt) {
 
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"success", "ack":false, "action":"CMD"})"));
     EXPECT_EQ(active_job("77")["ackId"], now);
-    ASSERT_THAT(published_topics(), ElementsAre("v1/device/job/77/ack"));
+    ASSERT_THAT(published_topics(), ListIs("v1/device/job/77/ack"));
     EXPECT_THAT(published()[0].json["params"], HasMembers(R"({"status":"success"})"));
     auto lines = log_lines();
     lines.resize(4);
-    EXPECT_THAT(lines, ElementsAre(arrival(payload), Debug("cmd ack for job:77 session:1000 rc:200"),
-                                   Debug("cmd_ack update_job_status success"),
-                                   Notice("update_job_status: 77 success post_status: 1")));
+    EXPECT_THAT(lines, ListIs(arrival(payload), Debug("cmd ack for job:77 session:1000 rc:200"),
+                              Debug("cmd_ack update_job_status success"),
+                              Notice("update_job_status: 77 success post_status: 1")));
 }
 
 TEST_F(CmdAck, EndsTheJobAsFailedOnAnyOtherCode) {
@@ -92,8 +91,8 @@ TEST_F(CmdAck, OfAFailedCheckInDoesNotFailAConfigurationJob) {
     service_answers(payload, CHECKIN);
 
     EXPECT_THAT(log_lines(),
-                ElementsAre(arrival(payload, CHECKIN), Debug("cmd ack for job:77 session:1000 rc:500"),
-                            Debug("ignore failed cmd/checkin/apply response during CFG verify attempts")));
+                ListIs(arrival(payload, CHECKIN), Debug("cmd ack for job:77 session:1000 rc:500"),
+                       Debug("ignore failed cmd/checkin/apply response during CFG verify attempts")));
     EXPECT_THAT(calls(), IsEmpty());
 }
 
@@ -139,8 +138,8 @@ TEST_F(CmdAck, ForAMissingJobIsLogged) {
 
     service_answers(payload);
 
-    EXPECT_THAT(log_lines(), ElementsAre(arrival(payload), Debug("cmd ack for job:77 session:1000 rc:200"),
-                                         Notice("no job file for ack 77")));
+    EXPECT_THAT(log_lines(), ListIs(arrival(payload), Debug("cmd ack for job:77 session:1000 rc:200"),
+                                    Notice("no job file for ack 77")));
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_THAT(active_jobs(), IsEmpty());
 }
@@ -180,7 +179,7 @@ TEST_F(CmdAck, ThatIsIncompleteOnlyLogsItsArrival) {
         fakes::reset_log();
         service_answers(payload);
 
-        EXPECT_THAT(log_lines(), ElementsAre(arrival(payload)));
+        EXPECT_THAT(log_lines(), ListIs(arrival(payload)));
     }
     EXPECT_THAT(calls(), IsEmpty());
 }
@@ -222,9 +221,9 @@ class Checkin : public ReportingTest {};
 TEST_F(Checkin, PublishesItsFixedSession) {
     send_checkin(client);
 
-    ASSERT_THAT(published_topics(), ElementsAre("v1/device/cmd/checkin/apply"));
+    ASSERT_THAT(published_topics(), ListIs("v1/device/cmd/checkin/apply"));
     EXPECT_EQ(published()[0].payload, R"({"session":"iot-client"})");
-    EXPECT_THAT(calls(), ElementsAre(R"(send_message v1/device/cmd/checkin/apply {"session":"iot-client"})"));
+    EXPECT_THAT(calls(), ListIs(R"(send_message v1/device/cmd/checkin/apply {"session":"iot-client"})"));
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 

@@ -3,10 +3,9 @@
 #include "tests/unit/command_job_fixture.h"
 
 #include "actions/command_job.h"
-#include "actions/device_commands.h"
+#include "actions/requests/device_requests.h"
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
@@ -21,14 +20,14 @@ protected:
     void expect_failed_with(const char *msg) {
         EXPECT_EQ(job["status"], "failed");
         EXPECT_EQ(job["msg"], msg);
-        EXPECT_THAT(reported(), ElementsAre("failed"));
+        EXPECT_THAT(reported(), ListIs("failed"));
         EXPECT_EQ(published_on("v1/device/job/77/ack").back().json["params"]["msg"], msg);
         EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"failed", "ack":false})"));
         EXPECT_FALSE(exists(MARKER));
         EXPECT_THAT(own_log_lines(),
-                    ElementsAre(Debug("execute cmd jobId:77"),
-                                Debug("set_jobid_flag /bin/echo '77' > /var/volatile/orv/FW_JOBID"),
-                                Debug("execute_action_cmd update_job_status failed")));
+                    ListIs(Debug("execute cmd jobId:77"),
+                           Debug("set_jobid_flag /bin/echo '77' > /var/volatile/orv/FW_JOBID"),
+                           Debug("execute_action_cmd update_job_status failed")));
     }
 };
 
@@ -85,7 +84,7 @@ TEST_F(CommandJob, WithoutAnIdIsFailedAndReportedNowhere) {
                                 "msg":"job requires 'params' property"})"));
     EXPECT_THAT(published(), IsEmpty());
     EXPECT_THAT(active_jobs(), IsEmpty());
-    EXPECT_THAT(commands(), ElementsAre("/bin/echo '' > /var/volatile/orv/FW_JOBID"));
+    EXPECT_THAT(commands(), ListIs("/bin/echo '' > /var/volatile/orv/FW_JOBID"));
     EXPECT_FALSE(exists(MARKER));
 }
 
@@ -123,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Each, FileTransfer,
 TEST_P(FileTransfer, IsRequestedWithTheParamsTheTimeAndTheId) {
     request(R"({"url":"http://x/y", "filepath":"/tmp/y", "deep":{"a":[1]}})");
 
-    ASSERT_THAT(published_topics(), ElementsAre(topic));
+    ASSERT_THAT(published_topics(), ListIs(topic));
     EXPECT_THAT(published()[0].json, IsJson(R"({"url":"http://x/y", "filepath":"/tmp/y", "deep":{"a":[1]},
                                                 "session":1700000000, "jobId":"77"})"));
     EXPECT_THAT(own_log_lines(),
@@ -170,14 +169,14 @@ TEST_P(FileTransfer, IsRequestedBeforeTheJobIsReported) {
 
     const std::string payload = published().at(0).payload;
     EXPECT_THAT(calls_of({"delete_file", "send_message", "syslog"}),
-                ElementsAre("syslog execute cmd jobId:77", "delete_file /var/volatile/orv/FW_JOBID",
-                            "syslog set_jobid_flag /bin/echo '77' > /var/volatile/orv/FW_JOBID",
-                            "syslog send " + GetParam().direction + " command: " + payload,
-                            "send_message " + topic + " " + payload,
-                            "syslog execute_action_cmd update_job_status received",
-                            "syslog update_job_status: 77 received post_status: 1",
-                            "syslog prev job status: received current job status: received",
-                            "delete_file /var/volatile/orv/FW_JOBID"));
+                ListIs("syslog execute cmd jobId:77", "delete_file /var/volatile/orv/FW_JOBID",
+                       "syslog set_jobid_flag /bin/echo '77' > /var/volatile/orv/FW_JOBID",
+                       "syslog send " + GetParam().direction + " command: " + payload,
+                       "send_message " + topic + " " + payload,
+                       "syslog execute_action_cmd update_job_status received",
+                       "syslog update_job_status: 77 received post_status: 1",
+                       "syslog prev job status: received current job status: received",
+                       "delete_file /var/volatile/orv/FW_JOBID"));
 }
 
 TEST_P(FileTransfer, DoesNotNoticeThatTheRequestWasNotSent) {
@@ -203,7 +202,7 @@ TEST_P(FileTransfer, WithParamsThatAreNoObjectFails) {
         request(params);
 
         EXPECT_THAT(log_lines().back(), Debug("execute cmd: exception handler")) << params;
-        EXPECT_THAT(reported(), ElementsAre("failed"));
+        EXPECT_THAT(reported(), ListIs("failed"));
         EXPECT_THAT(published_on(topic), IsEmpty());
     }
 }
@@ -214,12 +213,11 @@ TEST_F(CommandJob, ThatThrowsFailsIsReportedAndUnmarked) {
     execute(R"({"jobId":"77", "action":"CMD", "value":{}, "params":{}, "msg":"as it was"})");
 
     EXPECT_THAT(job, HasMembers(R"({"status":"failed", "msg":"as it was"})"));
-    EXPECT_THAT(reported(), ElementsAre("failed"));
+    EXPECT_THAT(reported(), ListIs("failed"));
     EXPECT_FALSE(exists(MARKER));
-    EXPECT_THAT(own_log_lines(),
-                ElementsAre(Debug("execute cmd jobId:77"),
-                            Debug("set_jobid_flag /bin/echo '77' > /var/volatile/orv/FW_JOBID"),
-                            Debug("execute cmd: exception handler")));
+    EXPECT_THAT(own_log_lines(), ListIs(Debug("execute cmd jobId:77"),
+                                        Debug("set_jobid_flag /bin/echo '77' > /var/volatile/orv/FW_JOBID"),
+                                        Debug("execute cmd: exception handler")));
     EXPECT_EQ(calls().back(), "delete_file /var/volatile/orv/FW_JOBID");
     EXPECT_THAT(all_calls().back().text, "execute cmd: exception handler");
 }
@@ -235,8 +233,8 @@ TEST_F(CommandJob, WithAnIdOfTheWrongTypeIsOnlyFailed) {
     execute(R"({"jobId":{}, "action":"CMD"})");
 
     EXPECT_EQ(job["status"], "failed");
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("update_job_status: exception handler"),
-                                         Debug("execute cmd: exception handler")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("update_job_status: exception handler"),
+                                    Debug("execute cmd: exception handler")));
     EXPECT_THAT(published(), IsEmpty());
 }
 
@@ -249,10 +247,9 @@ TEST_F(JobIdFlag, HoldsTheIdAndALineEnd) {
     set_jobid_flag("77");
 
     EXPECT_EQ(file_text(MARKER), "77\n");
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/volatile/orv/FW_JOBID",
-                                     "system /bin/echo '77' > /var/volatile/orv/FW_JOBID"));
-    EXPECT_THAT(log_lines(),
-                ElementsAre(Debug("set_jobid_flag /bin/echo '77' > /var/volatile/orv/FW_JOBID")));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/volatile/orv/FW_JOBID",
+                                "system /bin/echo '77' > /var/volatile/orv/FW_JOBID"));
+    EXPECT_THAT(log_lines(), ListIs(Debug("set_jobid_flag /bin/echo '77' > /var/volatile/orv/FW_JOBID")));
 }
 
 TEST_F(JobIdFlag, IsOnlyDeletedForNoId) {
@@ -260,7 +257,7 @@ TEST_F(JobIdFlag, IsOnlyDeletedForNoId) {
     set_jobid_flag(nullptr);
 
     EXPECT_FALSE(exists(MARKER));
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/volatile/orv/FW_JOBID"));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/volatile/orv/FW_JOBID"));
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
@@ -268,9 +265,9 @@ TEST_F(JobIdFlag, PutsTheIdBetweenQuotesAsItStands) {
     answer_command("/bin/echo", 0);
     set_jobid_flag("a b'c%s");
 
-    EXPECT_THAT(commands(), ElementsAre("/bin/echo 'a b'c%s' > /var/volatile/orv/FW_JOBID"));
+    EXPECT_THAT(commands(), ListIs("/bin/echo 'a b'c%s' > /var/volatile/orv/FW_JOBID"));
     EXPECT_THAT(log_lines(),
-                ElementsAre(Debug("set_jobid_flag /bin/echo 'a b'c%s' > /var/volatile/orv/FW_JOBID")));
+                ListIs(Debug("set_jobid_flag /bin/echo 'a b'c%s' > /var/volatile/orv/FW_JOBID")));
 }
 
 TEST_F(JobIdFlag, DoesNotNoticeThatItCannotBeWritten) {

@@ -2,10 +2,10 @@
 #include "tests/unit/config_bed.h"
 
 #include "config/apply.h"
+#include "config/apply_progress.h"
 #include "config/commit.h"
 
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsNull;
 
@@ -21,11 +21,11 @@ TEST_F(Commit, TheRunningConfigurationBecomesTheOneTheDeviceBootsWith) {
     EXPECT_EQ(file_text(SAVED), new_config());
     EXPECT_EQ(file_text(SAVED_HASH), fakes::hash_of(json(new_config())));
     EXPECT_THAT(calls(),
-                ElementsAre("copy_file /var/volatile/config/config.running /var/data/orv/config.json",
-                            "copy_file /var/volatile/config/config.running.hash /var/data/orv/config.hash",
-                            "store_meta_file", "delete_file /var/data/orv/FAILSAFE_TIMER",
-                            "delete_file /var/run/CONFIG_MODIFIED", "sync_to_fs 2",
-                            "save_hw_config_section_to_nv"));
+                ListIs("copy_file /var/volatile/config/config.running /var/data/orv/config.json",
+                       "copy_file /var/volatile/config/config.running.hash /var/data/orv/config.hash",
+                       "store_meta_file", "delete_file /var/data/orv/FAILSAFE_TIMER",
+                       "delete_file /var/run/CONFIG_MODIFIED", "sync_to_fs 2",
+                       "save_hw_config_section_to_nv"));
     EXPECT_FALSE(exists(TIMER));
     EXPECT_FALSE(exists(MODIFIED));
     EXPECT_THAT(log_lines(), IsEmpty());
@@ -63,24 +63,24 @@ TEST_F(Commit, NoChangeIsNotAnnounced) {
 TEST_F(Commit, CandidatesAreDeletedInTheirOrder) {
     delete_new_config_files();
 
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/volatile/config/config.new",
-                                     "delete_file /var/volatile/config/config.new.hash",
-                                     "delete_file /var/data/orv/config.new"));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/volatile/config/config.new",
+                                "delete_file /var/volatile/config/config.new.hash",
+                                "delete_file /var/data/orv/config.new"));
 }
 
 TEST_F(Commit, TheMarkersOfAnUncommittedChangeAreDeleted) {
     clear_failsafe_markers();
 
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/data/orv/FAILSAFE_TIMER",
-                                     "delete_file /var/run/CONFIG_MODIFIED"));
+    EXPECT_THAT(calls(),
+                ListIs("delete_file /var/data/orv/FAILSAFE_TIMER", "delete_file /var/run/CONFIG_MODIFIED"));
 }
 
 TEST_F(Commit, WhatAnApplyWouldBeResumedFromIsDeletedAndFlushed) {
     clear_config_job_files();
 
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/data/orv/vantrel_iot/jobs/active/LOCAL_FW_UPGRADE",
-                                     "delete_file /var/data/orv/ACTIVE_JOB",
-                                     "delete_file /var/volatile/config/config.new",
-                                     "delete_file /var/volatile/config/config.new.hash",
-                                     "delete_file /var/data/orv/config.new", "sync_to_fs 2"));
+    EXPECT_THAT(calls(),
+                ListIs("delete_file /var/data/orv/vantrel_iot/jobs/active/LOCAL_FW_UPGRADE",
+                       "delete_file /var/data/orv/ACTIVE_JOB", "delete_file /var/volatile/config/config.new",
+                       "delete_file /var/volatile/config/config.new.hash",
+                       "delete_file /var/data/orv/config.new", "sync_to_fs 2"));
 }

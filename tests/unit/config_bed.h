@@ -6,7 +6,7 @@
 
 #include "tests/fakes/agent_test.h"
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 
 #include <string>
 #include <vector>

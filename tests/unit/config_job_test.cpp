@@ -5,11 +5,8 @@
 #include "actions/dispatch.h"
 #include "jobs/job_store.h"
 
-#include <future>
-
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -58,20 +55,11 @@ protected:
             std::find(lines.begin(), lines.end(), log_line{LOG_NOTICE, "config job status: " + msg});
         ASSERT_NE(outcome, lines.end());
         EXPECT_EQ(*(outcome + 1), (log_line{LOG_ERR, "config job failed"}));
-        EXPECT_THAT(end_of_the_job(), ElementsAre("delete_file /var/volatile/orv/FW_JOBID",
-                                                  StartsWith("send_message v1/device/job/77/ack")));
-        EXPECT_THAT(reported(), ElementsAre("failed"));
+        EXPECT_THAT(end_of_the_job(), ListIs("delete_file /var/volatile/orv/FW_JOBID",
+                                             StartsWith("send_message v1/device/job/77/ack")));
+        EXPECT_THAT(reported(), ListIs("failed"));
         EXPECT_FALSE(exists(FW_JOBID));
         expect_no_candidate();
-    }
-
-    static bool free_for_another_thread(std::mutex &mutex) {
-        return std::async(std::launch::async,
-                          [&] {
-                              const std::unique_lock lock(mutex, std::try_to_lock);
-                              return lock.owns_lock();
-                          })
-            .get();
     }
 };
 
@@ -83,7 +71,7 @@ TEST_F(ConfigJob, APassedOneLeavesItsCandidateForTheApply) {
     EXPECT_THAT(job, HasMembers(R"({"status":"executed", "cfg_verified":false})"));
     EXPECT_THAT(file_json(NEW), IsJson(new_config()));
     EXPECT_EQ(file_text(NEW_HASH), fakes::hash_of(json(new_config())));
-    EXPECT_THAT(reported(), ElementsAre("executed"));
+    EXPECT_THAT(reported(), ListIs("executed"));
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"executed", "cfg_verified":false})"));
     EXPECT_THAT(file_json(RUNNING), IsJson(old_config()));
 }
@@ -91,14 +79,13 @@ TEST_F(ConfigJob, APassedOneLeavesItsCandidateForTheApply) {
 TEST_F(ConfigJob, ItsStepsComeInTheirOrder) {
     execute();
 
-    EXPECT_THAT(calls(),
-                ElementsAre("delete_file /var/volatile/orv/FW_JOBID",
-                            "system /bin/echo '77' > /var/volatile/orv/FW_JOBID",
-                            "write_json_file /var/volatile/config/config.new",
-                            "calculate_and_write_config_hash /var/volatile/config/config.new "
-                            "/var/volatile/config/config.new.hash",
-                            "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                            StartsWith("send_message v1/device/job/77/ack"), "sleep 2"));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/volatile/orv/FW_JOBID",
+                                "system /bin/echo '77' > /var/volatile/orv/FW_JOBID",
+                                "write_json_file /var/volatile/config/config.new",
+                                "calculate_and_write_config_hash /var/volatile/config/config.new "
+                                "/var/volatile/config/config.new.hash",
+                                "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                                StartsWith("send_message v1/device/job/77/ack"), "sleep 2"));
 }
 
 TEST_F(ConfigJob, ItIsTheJobInProgressUntilItIsApplied) {
@@ -257,9 +244,9 @@ TEST_F(ConfigJob, TheRunningConfigurationIsASuccessWithoutAnyFile) {
     EXPECT_FALSE(job.isMember("cfg_verified"));
     EXPECT_THAT(log_lines(), Contains(Notice("config job is same as current running config")));
     EXPECT_THAT(log_lines(), Not(Contains(Notice(StartsWith("config job status:")))));
-    EXPECT_THAT(end_of_the_job(), ElementsAre(StartsWith("send_message v1/device/job/77/ack"),
-                                              "delete_file /var/volatile/orv/FW_JOBID"));
-    EXPECT_THAT(reported(), ElementsAre("success"));
+    EXPECT_THAT(end_of_the_job(), ListIs(StartsWith("send_message v1/device/job/77/ack"),
+                                         "delete_file /var/volatile/orv/FW_JOBID"));
+    EXPECT_THAT(reported(), ListIs("success"));
     expect_no_candidate();
 }
 
@@ -289,7 +276,7 @@ TEST_F(ConfigJob, TheRightFirmwareVersionLetsItPass) {
 
     execute();
 
-    EXPECT_THAT(calls_of({"sysdb_read_str"}), ElementsAre("sysdb_read_str SYS_FW_VER"));
+    EXPECT_THAT(calls_of({"sysdb_read_str"}), ListIs("sysdb_read_str SYS_FW_VER"));
     EXPECT_THAT(log_lines(),
                 AllOf(Contains(Notice("validate FW version is 1.2.3")),
                       Contains(Notice("verified config job FW version matches running FW version"))));
@@ -310,8 +297,8 @@ TEST_F(ConfigJob, AnotherFirmwareVersionFailsItAndIsReported) {
                 Contains(Notice("config job FW version: 1.2.3 does not match device FW version: 1.2.4")));
     EXPECT_THAT(log_lines(), Not(Contains(Error("config job failed"))));
     EXPECT_THAT(log_lines(), Not(Contains(Notice(StartsWith("config job status:")))));
-    EXPECT_THAT(end_of_the_job(), ElementsAre(StartsWith("send_message v1/device/job/77/ack"),
-                                              "delete_file /var/volatile/orv/FW_JOBID"));
+    EXPECT_THAT(end_of_the_job(), ListIs(StartsWith("send_message v1/device/job/77/ack"),
+                                         "delete_file /var/volatile/orv/FW_JOBID"));
     EXPECT_THAT(published_on("v1/device/job/77/ack").front().json["params"],
                 IsJson(R"({"jobId":"77", "status":"failed", "msg":"FW version mismatch", "fwVer":"1.2.4"})"));
     expect_no_candidate();
@@ -366,7 +353,7 @@ TEST_F(ConfigJob, ARecordThatIsNoObjectIsAnException) {
 
     execute_config_job(job);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("config apply: exception handler")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("config apply: exception handler")));
 }
 
 // --- dispatched
@@ -377,7 +364,7 @@ TEST_F(ConfigJob, APassedOneIsAppliedAtOnce) {
     execute_job_action(client, job);
 
     EXPECT_THAT(job, HasMembers(R"j({"status":"success", "msg":"config has been applied (no failsafe)"})j"));
-    EXPECT_THAT(reported(), ElementsAre("executed", "success"));
+    EXPECT_THAT(reported(), ListIs("executed", "success"));
     EXPECT_THAT(file_json(SAVED), IsJson(new_config()));
     EXPECT_FALSE(exists(FW_JOBID));
 }

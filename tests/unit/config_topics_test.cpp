@@ -6,7 +6,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -33,7 +32,7 @@ protected:
 TEST_F(ConfigTopics, ARequestBecomesTheOneConfigurationJob) {
     request(R"({"source":"web", "jobId":"other", "extra":1})");
 
-    EXPECT_THAT(active_jobs(), ElementsAre("FAILSAFE_CONFIG"));
+    EXPECT_THAT(active_jobs(), ListIs("FAILSAFE_CONFIG"));
     EXPECT_THAT(queued(), IsJson(R"({"source":"web", "jobName":"FAILSAFE_CONFIG", "action":"FAILSAFE_CONFIG",
         "cfg_verified":false, "payload":null, "jobId":"FAILSAFE_CONFIG", "status":"received", "ack":false,
         "ack_attempts":0, "ackId":1700000000, "timestamp":1700000000})"));
@@ -58,7 +57,7 @@ TEST_F(ConfigTopics, TheSourceIsCopiedWhateverItIs) {
 TEST_F(ConfigTopics, APayloadInTheRequestNamesNoOtherJob) {
     request(R"({"payload":{"jobId":"other"}})");
 
-    EXPECT_THAT(active_jobs(), ElementsAre("FAILSAFE_CONFIG"));
+    EXPECT_THAT(active_jobs(), ListIs("FAILSAFE_CONFIG"));
     EXPECT_TRUE(queued()["payload"].isNull());
 }
 
@@ -82,9 +81,9 @@ TEST_F(ConfigTopics, QueuingAloneSetsNoMark) {
 TEST_F(ConfigTopics, TheMarkOfARequestComesBeforeItsJob) {
     request();
 
-    EXPECT_THAT(calls(), ElementsAre("set_config_apply_in_progress config change is queued",
-                                     "write_json_file /var/data/orv/vantrel_iot/jobs/active/FAILSAFE_CONFIG",
-                                     "sync_to_fs 2"));
+    EXPECT_THAT(calls(), ListIs("set_config_apply_in_progress config change is queued",
+                                "write_json_file /var/data/orv/vantrel_iot/jobs/active/FAILSAFE_CONFIG",
+                                "sync_to_fs 2"));
 }
 
 TEST_F(ConfigTopics, ARequestDuringAJobSaysThatItWillBeDelayed) {
@@ -97,11 +96,11 @@ TEST_F(ConfigTopics, ARequestDuringAJobSaysThatItWillBeDelayed) {
         request();
 
         EXPECT_THAT(fakes::config().apply_progress,
-                    ElementsAre("set config change is queued",
-                                "set a job is currently in progress, the config change will be delayed until "
-                                "current job completes"))
+                    ListIs("set config change is queued",
+                           "set a job is currently in progress, the config change will be delayed until "
+                           "current job completes"))
             << marker;
-        EXPECT_THAT(active_jobs(), ElementsAre("FAILSAFE_CONFIG")) << marker;
+        EXPECT_THAT(active_jobs(), ListIs("FAILSAFE_CONFIG")) << marker;
     }
 }
 
@@ -111,10 +110,10 @@ TEST_F(ConfigTopics, ARequestDuringAVerificationIsRefusedAndNotQueued) {
     request();
     request("no JSON");
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("cmd_apply: v1/device/cmd/config/apply"),
-                                         Notice("failsafe config apply already in progess"),
-                                         Notice("cmd_apply: v1/device/cmd/config/apply"),
-                                         Notice("failsafe config apply already in progess")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("cmd_apply: v1/device/cmd/config/apply"),
+                                    Notice("failsafe config apply already in progess"),
+                                    Notice("cmd_apply: v1/device/cmd/config/apply"),
+                                    Notice("failsafe config apply already in progess")));
     expect_nothing_requested();
 }
 
@@ -128,13 +127,13 @@ TEST_F(ConfigTopics, ARequestThatIsNoJsonIsDroppedSilently) {
 
 TEST_F(ConfigTopics, AnyNameWithConfigIsARequest) {
     deliver("v1/device/cmd/netconfig/apply");
-    EXPECT_THAT(active_jobs(), ElementsAre("FAILSAFE_CONFIG"));
+    EXPECT_THAT(active_jobs(), ListIs("FAILSAFE_CONFIG"));
 }
 
 TEST_F(ConfigTopics, OtherCommandsAreLeftAlone) {
     deliver("v1/device/cmd/cfgpush/apply");
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("cmd_apply: v1/device/cmd/cfgpush/apply")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("cmd_apply: v1/device/cmd/cfgpush/apply")));
     expect_nothing_requested();
 }
 
@@ -152,12 +151,11 @@ TEST_F(ConfigTopics, MetainitRebuildsTheMetaDataAndReadsNoPayload) {
         deliver(topic, "no JSON");
     deliver("v1/device/cmd/metainit-config/apply", "{}");
 
-    EXPECT_THAT(calls(), ElementsAre("cmd_metainit", "cmd_metainit", "cmd_metainit"));
-    EXPECT_THAT(
-        log_lines(),
-        ElementsAre(Notice("cmd_apply: v1/device/cmd/metainit/apply"), Notice("cmd metainit OK"),
-                    Notice("cmd_apply: v1/device/cmd/config-metainit/apply"), Notice("cmd metainit OK"),
-                    Notice("cmd_apply: v1/device/cmd/metainit-config/apply"), Notice("cmd metainit OK")));
+    EXPECT_THAT(calls(), ListIs("cmd_metainit", "cmd_metainit", "cmd_metainit"));
+    EXPECT_THAT(log_lines(),
+                ListIs(Notice("cmd_apply: v1/device/cmd/metainit/apply"), Notice("cmd metainit OK"),
+                       Notice("cmd_apply: v1/device/cmd/config-metainit/apply"), Notice("cmd metainit OK"),
+                       Notice("cmd_apply: v1/device/cmd/metainit-config/apply"), Notice("cmd metainit OK")));
     expect_nothing_requested();
 }
 
@@ -191,7 +189,7 @@ TEST_F(ConfigTopics, PublishesUnderASuffix) {
     publish_config(client, "web");
     publish_config(client, "");
 
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/config/publish/web", "v1/device/config/publish/"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/config/publish/web", "v1/device/config/publish/"));
 }
 
 TEST_F(ConfigTopics, ATopicEndsAfter127Characters) {
@@ -219,10 +217,10 @@ TEST_F(ConfigTopics, AResetPublishesTheConfigurationAfterIt) {
 
     process_config_reset(client, "network");
 
-    EXPECT_THAT(calls_of({"cmd_reset_to_default"}), ElementsAre("cmd_reset_to_default network"));
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/config/publish/0"));
+    EXPECT_THAT(calls_of({"cmd_reset_to_default"}), ListIs("cmd_reset_to_default network"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/config/publish/0"));
     EXPECT_THAT(published().front().json, IsJson(R"({"name":"default"})"));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("process_config_reset network")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("process_config_reset network")));
 }
 
 TEST_F(ConfigTopics, ARefusedResetPublishesNothing) {
@@ -231,8 +229,7 @@ TEST_F(ConfigTopics, ARefusedResetPublishesNothing) {
     process_config_reset(client, "network");
 
     EXPECT_THAT(published(), IsEmpty());
-    EXPECT_THAT(log_lines(),
-                ElementsAre(Debug("process_config_reset network"), Debug("error on reset network")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("process_config_reset network"), Debug("error on reset network")));
 }
 
 TEST_F(ConfigTopics, AResetMayHaveAnEmptyRequest) {
@@ -247,12 +244,12 @@ TEST_F(ConfigTopics, AResetMayHaveAnEmptyRequest) {
 TEST_F(ConfigTopics, AnAttributeWithAnActionBecomesAJob) {
     process_attribute(client, json(R"({"job-2":"{\"action\":\"CMD\", \"jobId\":\"other\"}"})"));
 
-    EXPECT_THAT(active_jobs(), ElementsAre("job-2"));
+    EXPECT_THAT(active_jobs(), ListIs("job-2"));
     EXPECT_THAT(active_job("job-2"), HasMembers(R"({"jobId":"job-2", "action":"CMD", "status":"received",
         "ack":false, "ack_attempts":0, "ackId":1700000000, "timestamp":1700000000})"));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("process_attribute"), Debug("property: job-2"),
-                                         Debug(R"(property is jobId: {"action":"CMD", "jobId":"other"})"),
-                                         Debug("write job file: job-2"), Alert("write new job file: job-2")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("process_attribute"), Debug("property: job-2"),
+                                    Debug(R"(property is jobId: {"action":"CMD", "jobId":"other"})"),
+                                    Debug("write job file: job-2"), Alert("write new job file: job-2")));
 }
 
 TEST_F(ConfigTopics, ARepeatedAttributeReplacesTheJobAsReceived) {
@@ -267,8 +264,8 @@ TEST_F(ConfigTopics, ARepeatedAttributeReplacesTheJobAsReceived) {
 TEST_F(ConfigTopics, ADeletedAttributeIsOnlyLogged) {
     process_attribute(client, json(R"({"deleted":"{\"action\":\"CMD\"}"})"));
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("process_attribute"), Debug("property: deleted"),
-                                         Debug(R"(attribute {"action":"CMD"} has been deleted)")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("process_attribute"), Debug("property: deleted"),
+                                    Debug(R"(attribute {"action":"CMD"} has been deleted)")));
     EXPECT_THAT(active_jobs(), IsEmpty());
 }
 
@@ -277,7 +274,7 @@ TEST_F(ConfigTopics, AttributesThatAreNoJobsAreSkippedSilently) {
                       json(R"({"a":"no JSON", "b":"{}", "c":"[]", "d":"7", "e":7, "f":true, "g":null, "h":"",
                                        "i":"\"action\"", "z":"{\"action\":\"CMD\"}"})"));
 
-    EXPECT_THAT(active_jobs(), ElementsAre("z"));
+    EXPECT_THAT(active_jobs(), ListIs("z"));
     EXPECT_THAT(log_lines(), AllOf(Contains(Debug("property: a")), Contains(Debug("property: i")),
                                    Not(Contains(Debug("process_attribute: exception handler")))));
 }
@@ -286,22 +283,22 @@ TEST_F(ConfigTopics, AttributesAreTakenInTheOrderOfTheirNames) {
     process_attribute(client, json(R"({"b":"{\"action\":\"CMD\"}", "a":"{\"action\":\"CMD\"}"})"));
 
     EXPECT_THAT(calls_of({"write_json_file"}),
-                ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/a",
-                            "write_json_file /var/data/orv/vantrel_iot/jobs/active/b"));
+                ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/a",
+                       "write_json_file /var/data/orv/vantrel_iot/jobs/active/b"));
 }
 
 TEST_F(ConfigTopics, WithoutAttributesNothingHappens) {
     process_attribute(client, json("{}"));
     process_attribute(client, Json::Value());
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("process_attribute"), Debug("process_attribute")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("process_attribute"), Debug("process_attribute")));
 }
 
 TEST_F(ConfigTopics, AnExceptionEndsTheLoop) {
     process_attribute(client, json(R"({"a":{"action":"CMD"}, "b":"{\"action\":\"CMD\"}"})"));
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("process_attribute"), Debug("property: a"),
-                                         Debug("process_attribute: exception handler")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("process_attribute"), Debug("property: a"),
+                                    Debug("process_attribute: exception handler")));
     EXPECT_THAT(active_jobs(), IsEmpty());
 }
 
@@ -327,10 +324,10 @@ TEST_F(ConfigTopics, AnAccessLevelIsAskedOfTheRunningConfiguration) {
     EXPECT_TRUE(config_acl_level_is(client, "network", 3));
     EXPECT_FALSE(config_acl_level_is(client, "network", 2));
 
-    EXPECT_THAT(fakes::config().metas_built, ElementsAre("false /var/volatile/config/config.running ",
-                                                         "false /var/volatile/config/config.running "));
+    EXPECT_THAT(fakes::config().metas_built, ListIs("false /var/volatile/config/config.running ",
+                                                    "false /var/volatile/config/config.running "));
     EXPECT_THAT(log_lines(),
-                ElementsAre(Debug("config: network acl level:3"), Debug("config: network acl level:3")));
+                ListIs(Debug("config: network acl level:3"), Debug("config: network acl level:3")));
 }
 
 TEST_F(ConfigTopics, AnUnknownPathHasNoAccessLevel) {

@@ -8,10 +8,10 @@
 
 using testing::Contains;
 using testing::Each;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::SizeIs;
 using testing::StartsWith;
 
 class CriticalJob : public CommandJobTest {
@@ -30,7 +30,7 @@ TEST_F(CriticalJob, ThatSucceedsIsReportedThreeTimesWithoutAPause) {
     EXPECT_EQ(run("true"), 0);
 
     EXPECT_EQ(job["status"], "success");
-    EXPECT_THAT(reported(), ElementsAre("received", "executed", "success"));
+    EXPECT_THAT(reported(), ListIs("received", "executed", "success"));
     EXPECT_THAT(sleeps(), IsEmpty());
     EXPECT_FALSE(job.isMember("msg"));
     EXPECT_THAT(log_lines(), Not(Contains(Notice(StartsWith("update_job_status")))));
@@ -39,7 +39,7 @@ TEST_F(CriticalJob, ThatSucceedsIsReportedThreeTimesWithoutAPause) {
 TEST_F(CriticalJob, ThatFailsReturnsTheStatusOfTheShell) {
     EXPECT_EQ(run("exit 5"), 5);
 
-    EXPECT_THAT(reported(), ElementsAre("received", "executed", "failed"));
+    EXPECT_THAT(reported(), ListIs("received", "executed", "failed"));
     EXPECT_THAT(log_lines(), Contains(Notice("execute command job script rc:5")));
     EXPECT_THAT(log_lines(), Contains(Debug("send critical cmd job failed")));
     EXPECT_FALSE(job.isMember("msg"));
@@ -67,10 +67,9 @@ TEST_F(CriticalJob, DoesOneThingAfterAnother) {
 TEST_F(CriticalJob, LogsItsLife) {
     run("true");
 
-    EXPECT_THAT(own_log_lines(),
-                ElementsAre(Notice(std::string("cli script file: ") + SCRIPT),
-                            Notice("execute command job script rc:0"), Notice("archiving job: 77"),
-                            Debug("send critical cmd job success")));
+    EXPECT_THAT(own_log_lines(), ListIs(Notice(std::string("cli script file: ") + SCRIPT),
+                                        Notice("execute command job script rc:0"),
+                                        Notice("archiving job: 77"), Debug("send critical cmd job success")));
 }
 
 TEST_F(CriticalJob, IsMarkedByFlagAndFileWhileItRuns) {
@@ -100,8 +99,34 @@ TEST_F(CriticalJob, LeavesItsScriptAndItsPidFile) {
     write_text("/var/volatile/orv/77", "");
     run("true");
 
-    EXPECT_THAT(names_in("/var/volatile/orv"), ElementsAre("77.pid", "77_22:13:20_11-14-2023"));
+    EXPECT_THAT(names_in("/var/volatile/orv"), ListIs("77.pid", "77_22:13:20_11-14-2023"));
     EXPECT_THAT(commands(), Not(Contains(HasSubstr("kill"))));
+}
+
+TEST_F(CriticalJob, OfTheFailsafeConfigurationsNameIsReportedLikeAnyOther) {
+    job = json(R"({"jobId":"FAILSAFE_CONFIG", "params":{"script":"true"}})");
+
+    execute_critical_cmd_job(job);
+
+    EXPECT_THAT(published_on("v1/device/job/FAILSAFE_CONFIG/ack"), SizeIs(3));
+}
+
+TEST_F(CriticalJob, ReplacesTheRecordOfAnActiveJobOfItsId) {
+    given_active_job(R"({"jobId":"77", "status":"executed", "ack":true, "ackId":5})");
+
+    run("cp /var/data/orv/vantrel_iot/jobs/active/77 /tmp/active");
+
+    EXPECT_EQ(file_json("/tmp/active")["status"], "received");
+    EXPECT_FALSE(file_json("/tmp/active").isMember("ackId"));
+    EXPECT_THAT(active_jobs(), IsEmpty());
+    EXPECT_EQ(archived_job("77")["status"], "received");
+}
+
+TEST_F(CriticalJob, SendsNoSession) {
+    run("true");
+
+    for (const auto &report : published())
+        EXPECT_TRUE(report.json["session"].isNull()) << report.payload;
 }
 
 TEST_F(CriticalJob, IsNotFailedByAReboot) {
@@ -125,11 +150,11 @@ TEST_F(CriticalJob, WhoseScriptCannotBeWrittenEndsReceived) {
 
     EXPECT_EQ(job["status"], "received");
     EXPECT_FALSE(job.isMember("msg"));
-    EXPECT_THAT(reported(), ElementsAre("received"));
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(reported(), ListIs("received"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
     EXPECT_FALSE(is_critical_job_executing());
     EXPECT_FALSE(exists(CRITICAL_MARKER));
-    EXPECT_THAT(own_log_lines(), ElementsAre(Notice(std::string("cli script file: ") + SCRIPT)));
+    EXPECT_THAT(own_log_lines(), ListIs(Notice(std::string("cli script file: ") + SCRIPT)));
 }
 
 TEST_F(CriticalJob, ThatThrowsIsNoLongerMarked) {

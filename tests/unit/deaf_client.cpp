@@ -1,9 +1,9 @@
 // Handlers that handle nothing, for tests that need a client but define routines of the agent themselves,
 // which the real handlers would bring in a second time.
-#include "agent/abort_request.h"
 #include "agent/acknowledgements.h"
 #include "agent/config_topics.h"
 #include "agent/job_intake.h"
+#include "agent/requests/abort_request.h"
 
 int job_apply(tessard &, const mosquitto_message *) {
     return 0;

@@ -4,10 +4,10 @@
 #include "actions/command_job.h"
 #include "actions/device_commands.h"
 #include "actions/dispatch.h"
+#include "actions/requests/device_requests.h"
 #include "jobs/job_status.h"
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::IsNull;
 using testing::Not;
@@ -44,11 +44,11 @@ TEST_F(PostConfig, IsReportedExecutedAndThenHandedOver) {
     execute_action_cfgpush(job);
 
     EXPECT_EQ(job["status"], "executed");
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/job/77/ack", CFGPUSH));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/job/77/ack", CFGPUSH));
     const auto request = the_request(CFGPUSH);
     EXPECT_THAT(request.json, IsJson(R"({"value":{"a":[1]}, "session":1700000000, "jobId":"77"})"));
     EXPECT_THAT(request.message_id, IsNull());
-    EXPECT_THAT(reported(), ElementsAre("executed"));
+    EXPECT_THAT(reported(), ListIs("executed"));
 }
 
 TEST_F(PostConfig, LogsNothingOfTheRequest) {
@@ -85,7 +85,7 @@ TEST_F(PostConfig, WithoutAValueItFails) {
 
     EXPECT_THAT(job, HasMembers(R"({"status":"failed", "msg":"expected value property"})"));
     EXPECT_EQ(log_lines().front(), (log_line{LOG_DEBUG, "expected value property"}));
-    EXPECT_THAT(reported(), ElementsAre("failed"));
+    EXPECT_THAT(reported(), ListIs("failed"));
     EXPECT_THAT(published_on(CFGPUSH), IsEmpty());
 }
 
@@ -112,7 +112,7 @@ TEST_F(DeviceCommands, AFullPushAsksForTheRoot) {
     const auto request = the_request(CFGPUSH);
     EXPECT_THAT(request.json, IsJson(R"({"value":"/", "session":1700000000})"));
     EXPECT_THAT(request.message_id, IsNull());
-    EXPECT_THAT(calls(), ElementsAre(StartsWith(std::string("send_message ") + CFGPUSH)));
+    EXPECT_THAT(calls(), ListIs(StartsWith(std::string("send_message ") + CFGPUSH)));
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
@@ -142,7 +142,7 @@ protected:
     void expect_failed(const std::string &msg) {
         EXPECT_EQ(job["status"], "failed");
         EXPECT_EQ(job["msg"], msg);
-        EXPECT_THAT(reported(), ElementsAre("failed"));
+        EXPECT_THAT(reported(), ListIs("failed"));
         EXPECT_THAT(published_on(FILEPULL), IsEmpty());
         EXPECT_FALSE(exists(FW_JOBID));
         EXPECT_EQ(calls().back(), "delete_file /var/volatile/orv/FW_JOBID");
@@ -153,7 +153,7 @@ protected:
 TEST_F(Xtra, IsStoredExecutedUnreportedAndHandedOver) {
     job_action_xtra(job);
 
-    EXPECT_THAT(published_topics(), ElementsAre(FILEPULL));
+    EXPECT_THAT(published_topics(), ListIs(FILEPULL));
     const auto request = the_request(FILEPULL);
     EXPECT_THAT(request.json,
                 IsJson(R"({"url":"http://host/xtra.bin", "filepath":"/var/data/xtra/vantrel_xtra.bin",
@@ -162,16 +162,16 @@ TEST_F(Xtra, IsStoredExecutedUnreportedAndHandedOver) {
     EXPECT_EQ(request.message_id_value, 1000);
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"executed", "ackId":1700000030})"));
     EXPECT_FALSE(active_job("77").isMember("ackTs"));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("job_action_xtra"), Debug("write job file: 77"),
-                                         Debug("send filepull command: " + request.payload)));
+    EXPECT_THAT(log_lines(), ListIs(Notice("job_action_xtra"), Debug("write job file: 77"),
+                                    Debug("send filepull command: " + request.payload)));
 }
 
 TEST_F(Xtra, IsStoredBeforeItIsHandedOverAndTheMarkIsDeletedLast) {
     job_action_xtra(job);
 
-    EXPECT_THAT(calls(), ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77",
-                                     "sync_to_fs 2", StartsWith("send_message v1/device/cmd/filepull/apply"),
-                                     "delete_file /var/volatile/orv/FW_JOBID"));
+    EXPECT_THAT(calls(), ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                                StartsWith("send_message v1/device/cmd/filepull/apply"),
+                                "delete_file /var/volatile/orv/FW_JOBID"));
 }
 
 TEST_F(Xtra, ForwardsAnyUrl) {

@@ -1,22 +1,20 @@
 // Which handler a message reaches. The handlers are this test's own.
 #include "tests/fakes/agent_test.h"
 
-#include "agent/abort_request.h"
 #include "agent/acknowledgements.h"
+#include "agent/client/tessard.h"
 #include "agent/config_topics.h"
 #include "agent/job_intake.h"
-#include "agent/tessard.h"
+#include "agent/requests/abort_request.h"
 
 #include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
-#include <future>
 #include <stdexcept>
 #include <system_error>
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -101,16 +99,7 @@ protected:
         return {LOG_DEBUG, std::to_string(getpid()) + " on_message: topic[" + topic + "]"};
     }
 
-    bool mutex_is_free() {
-        return std::async(std::launch::async,
-                          [this] {
-                              const bool locked = client.message_mutex.try_lock();
-                              if (locked)
-                                  client.message_mutex.unlock();
-                              return locked;
-                          })
-            .get();
-    }
+    bool mutex_is_free() { return free_for_another_thread(client.message_mutex); }
 
     tessard client{"tessard", "localhost", 1883};
 };
@@ -172,6 +161,12 @@ INSTANTIATE_TEST_SUITE_P(
               "tessard job apply message v1/device/job/77/pub_ack/apply"},
         route{"UpdateBeforePubAck", "v1/device/job/update/pub_ack", "job_update {}",
               "tessard job update message v1/device/job/update/pub_ack"},
+        route{"AnIdThatEndsInApply", "v1/device/job/reapply/update", "job_update {}",
+              "tessard job update message v1/device/job/reapply/update"},
+        route{"AnIdThatEndsInUpdate", "v1/device/job/reupdate/pub_ack", "job_pub_ack {}",
+              "tessard job pub ack message v1/device/job/reupdate/pub_ack"},
+        route{"ACommandThatEndsInApply", "v1/device/cmd/reapply/ack", "cmd_ack {}", ""},
+        route{"ACommandThatEndsInAck", "v1/device/cmd/back/other", "", ""},
         route{"AnIdThatHoldsApply", "v1/device/job/apply7/pub_ack", "job_apply {}",
               "tessard job apply message v1/device/job/apply7/pub_ack"},
         route{"JobBeforeCommand", "v1/device/cmd/v1/device/job/77/ack", "", ""},
@@ -206,13 +201,13 @@ TEST_F(Dispatch, TheResetGetsThePayloadText) {
     deliver("v1/device/config/reset", "factory, not JSON");
     deliver("v1/device/config/reset", "");
 
-    EXPECT_THAT(handled, ElementsAre("process_config_reset factory, not JSON", "process_config_reset "));
+    EXPECT_THAT(handled, ListIs("process_config_reset factory, not JSON", "process_config_reset "));
 }
 
 TEST_F(Dispatch, AttributesAreHandedOverParsed) {
     deliver("v1/devices/me/attributes", R"({ "a": [1, {"b": null}] })");
 
-    EXPECT_THAT(handled, ElementsAre(R"(process_attribute {"a":[1,{"b":null}]})"));
+    EXPECT_THAT(handled, ListIs(R"(process_attribute {"a":[1,{"b":null}]})"));
 }
 
 TEST_F(Dispatch, AttributesThatAreNoJsonReachNobody) {
@@ -226,7 +221,7 @@ TEST_F(Dispatch, AttributesThatAreNoJsonReachNobody) {
 TEST_F(Dispatch, AnEmptyPayloadReachesTheHandlerAsAnEmptyText) {
     deliver("v1/device/job/CLEAR_ACTIVE_JOBS/apply", "");
 
-    EXPECT_THAT(handled, ElementsAre("job_apply "));
+    EXPECT_THAT(handled, ListIs("job_apply "));
 }
 
 class ThrowingHandler : public Dispatch, public testing::WithParamInterface<const char *> {};
@@ -241,7 +236,7 @@ TEST_P(ThrowingHandler, LosesItsMessageAndNothingElse) {
     inside_handler = nullptr;
     handled.clear();
     deliver("v1/device/job/78/pub_ack");
-    EXPECT_THAT(handled, ElementsAre("job_pub_ack {}"));
+    EXPECT_THAT(handled, ListIs("job_pub_ack {}"));
 }
 
 INSTANTIATE_TEST_SUITE_P(EachHandler, ThrowingHandler,
@@ -278,7 +273,7 @@ TEST_F(Dispatch, TheArrivalIsLoggedBeforeTheLock) {
     watched_mutex = client.message_mutex.native_handle();
     deliver("v1/device/job/77/apply");
 
-    EXPECT_THAT(before_lock, ElementsAre(arrival("v1/device/job/77/apply")));
+    EXPECT_THAT(before_lock, ListIs(arrival("v1/device/job/77/apply")));
 }
 
 TEST_F(Dispatch, ALockThatFailsComesOutOfTheHook) {
@@ -288,13 +283,13 @@ TEST_F(Dispatch, ALockThatFailsComesOutOfTheHook) {
     EXPECT_THROW(deliver("v1/device/job/77/apply"), std::system_error);
 
     EXPECT_THAT(handled, IsEmpty());
-    EXPECT_THAT(log_lines(), ElementsAre(arrival("v1/device/job/77/apply")));
+    EXPECT_THAT(log_lines(), ListIs(arrival("v1/device/job/77/apply")));
 }
 
 TEST_F(Dispatch, TheLoopHandsMessagesOverOneByOne) {
     fakes::mqtt().incoming = {{"v1/device/job/1/apply", "one"}, {"v1/device/job/2/apply", "two"}};
     client.loop(-1, 1);
-    EXPECT_THAT(handled, ElementsAre("job_apply one"));
+    EXPECT_THAT(handled, ListIs("job_apply one"));
     client.loop(-1, 1);
-    EXPECT_THAT(handled, ElementsAre("job_apply one", "job_apply two"));
+    EXPECT_THAT(handled, ListIs("job_apply one", "job_apply two"));
 }

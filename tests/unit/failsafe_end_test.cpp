@@ -3,10 +3,10 @@
 
 #include "config/failsafe.h"
 #include "jobs/job_status.h"
+#include "jobs/job_store.h"
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsNull;
@@ -38,15 +38,14 @@ TEST_F(FailsafeEnd, SuccessReportsThenCommitsThenRecordsThenAsksForAPush) {
     failsafe_success(job);
 
     EXPECT_THAT(calls(),
-                ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                            StartsWith("send_message v1/device/job/77/ack"), "sleep 2",
-                            "copy_file /var/volatile/config/config.running /var/data/orv/config.json",
-                            "copy_file /var/volatile/config/config.running.hash /var/data/orv/config.hash",
-                            "store_meta_file", "delete_file /var/data/orv/FAILSAFE_TIMER",
-                            "delete_file /var/run/CONFIG_MODIFIED", "sync_to_fs 2",
-                            "save_hw_config_section_to_nv",
-                            "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                            StartsWith("send_message v1/device/cmd/cfgpush/apply")));
+                ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                       StartsWith("send_message v1/device/job/77/ack"), "sleep 2",
+                       "copy_file /var/volatile/config/config.running /var/data/orv/config.json",
+                       "copy_file /var/volatile/config/config.running.hash /var/data/orv/config.hash",
+                       "store_meta_file", "delete_file /var/data/orv/FAILSAFE_TIMER",
+                       "delete_file /var/run/CONFIG_MODIFIED", "sync_to_fs 2", "save_hw_config_section_to_nv",
+                       "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                       StartsWith("send_message v1/device/cmd/cfgpush/apply")));
     EXPECT_EQ(log_lines().front(), (log_line{LOG_NOTICE, "failsafe config: the reason"}));
     EXPECT_EQ(log_lines().back(), (log_line{LOG_ALERT, "job status success after failsafe verification"}));
     EXPECT_EQ(job["status"], "success");
@@ -86,7 +85,7 @@ TEST_F(FailsafeEnd, SuccessOfTheDevicesOwnJobSaysLess) {
     failsafe_success(job);
 
     EXPECT_THAT(log_lines(), Not(Contains(Alert(HasSubstr("after failsafe verification")))));
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/cmd/cfgpush/apply"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/cmd/cfgpush/apply"));
     EXPECT_EQ(file_text(SAVED), new_config());
 }
 
@@ -97,15 +96,15 @@ TEST_F(FailsafeEnd, FailureReportsThenRecordsThenRestoresThenRestarts) {
 
     EXPECT_THAT(
         calls(),
-        ElementsAre(
-            "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-            StartsWith("send_message v1/device/job/77/ack"), "sleep 2",
-            "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "restore_failsafe_files_to_nv",
-            "restore_failsafe_files_to_running", "restore_meta_file_or_regenerate_from_meta_folder_in_ram",
-            "delete_file /var/data/orv/FAILSAFE_TIMER", "delete_file /var/run/CONFIG_MODIFIED",
-            "delete_file /var/volatile/config/config.new", "delete_file /var/volatile/config/config.new.hash",
-            "delete_file /var/data/orv/config.new", "sync_to_fs 2", "system /usr/bin/cmd_netgen apply",
-            "system /bin/systemctl reload qtel-mgr", "system /usr/bin/cmd_wifi apply"));
+        ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+               StartsWith("send_message v1/device/job/77/ack"), "sleep 2",
+               "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "restore_failsafe_files_to_nv",
+               "restore_failsafe_files_to_running", "restore_meta_file_or_regenerate_from_meta_folder_in_ram",
+               "delete_file /var/data/orv/FAILSAFE_TIMER", "delete_file /var/run/CONFIG_MODIFIED",
+               "delete_file /var/volatile/config/config.new",
+               "delete_file /var/volatile/config/config.new.hash", "delete_file /var/data/orv/config.new",
+               "sync_to_fs 2", "system /usr/bin/cmd_netgen apply", "system /bin/systemctl reload qtel-mgr",
+               "system /usr/bin/cmd_wifi apply"));
     EXPECT_EQ(job["status"], "failed");
     EXPECT_THAT(file_json(SAVED), IsJson(R"({"name":"failsafe"})"));
     EXPECT_THAT(file_json(RUNNING), IsJson(R"({"name":"failsafe"})"));
@@ -119,9 +118,9 @@ TEST_F(FailsafeEnd, FailureAnnouncesEachRestart) {
     std::vector<std::string> order = calls_of({"syslog", "system"});
     EXPECT_EQ(order.front(), "syslog failsafe config: the reason");
     EXPECT_THAT(std::vector(order.end() - 6, order.end()),
-                ElementsAre("syslog failsafe restart network", "system /usr/bin/cmd_netgen apply",
-                            "syslog failsafe restart dialer", "system /bin/systemctl reload qtel-mgr",
-                            "syslog failsafe restart wifi", "system /usr/bin/cmd_wifi apply"));
+                ListIs("syslog failsafe restart network", "system /usr/bin/cmd_netgen apply",
+                       "syslog failsafe restart dialer", "system /bin/systemctl reload qtel-mgr",
+                       "syslog failsafe restart wifi", "system /usr/bin/cmd_wifi apply"));
     EXPECT_THAT(log_lines(), AllOf(Contains(Notice("failsafe restart network")),
                                    Contains(Notice("failsafe restart dialer")),
                                    Contains(Notice("failsafe restart wifi"))));
@@ -191,6 +190,22 @@ TEST_F(FailsafeEnd, TheResultStandsInTheJobFile) {
     }
 }
 
+TEST_F(FailsafeEnd, TheResultIsWrittenUnderTheJobFileMutex) {
+    bool free_at_the_write = true;
+    bool free_at_the_flush = false;
+    fakes::before_change = [&](const fakes::call &next) {
+        if (next.function == "write_json_file")
+            free_at_the_write = free_for_another_thread(job_file_mutex);
+        if (next.function == "sync_to_fs")
+            free_at_the_flush = free_for_another_thread(job_file_mutex);
+    };
+
+    record_failsafe_result(job, true);
+
+    EXPECT_FALSE(free_at_the_write);
+    EXPECT_TRUE(free_at_the_flush);
+}
+
 TEST_F(FailsafeEnd, AJobFileWithoutTheMarkOfVerificationGetsNone) {
     given_active_job(R"({"jobId":"77", "status":"executed", "extra":1})");
     job["status"] = "success";
@@ -201,7 +216,7 @@ TEST_F(FailsafeEnd, AJobFileWithoutTheMarkOfVerificationGetsNone) {
 
 TEST_F(FailsafeEnd, TheResultIsFlushedWhenAskedFor) {
     record_failsafe_result(job, false);
-    EXPECT_THAT(calls(), ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77"));
+    EXPECT_THAT(calls(), ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77"));
     record_failsafe_result(job, true);
     EXPECT_EQ(calls().back(), "sync_to_fs 2");
 }

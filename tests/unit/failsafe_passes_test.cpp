@@ -102,7 +102,7 @@ TEST_F(FailsafePasses, AVerdictMayComeAfterTheDeadline) {
 TEST_F(FailsafePasses, AsksTheDeviceForTheTimeUntilTheDeadline) {
     verify(R"({"timer":2})");
 
-    EXPECT_THAT(calls_of({"fwtime_s"}), ElementsAre("fwtime_s " + std::to_string(START_TIME + 120)));
+    EXPECT_THAT(calls_of({"fwtime_s"}), ListIs("fwtime_s " + std::to_string(START_TIME + 120)));
 }
 
 TEST_F(FailsafePasses, GoesOnUntilTheDeadline) {
@@ -159,11 +159,11 @@ TEST_F(FailsafePasses, WithTheCellEnabledItsConnectionComesFirst) {
 
     verify();
 
-    EXPECT_THAT(calls_of({"sysdb_read_int"}), ElementsAre("sysdb_read_int CELL_CONNECTED"));
+    EXPECT_THAT(calls_of({"sysdb_read_int"}), ListIs("sysdb_read_int CELL_CONNECTED"));
     EXPECT_THAT(log_lines(), Contains(Debug("failsafe config: cell connected 1")));
-    EXPECT_THAT(progress(), ElementsAre("verifying new config", "failsafe config detects cell is connected",
-                                        "performing connection test", "performing connection test 2",
-                                        "failsafe config verified"));
+    EXPECT_THAT(progress(), ListIs("verifying new config", "failsafe config detects cell is connected",
+                                   "performing connection test", "performing connection test 2",
+                                   "failsafe config verified"));
 }
 
 TEST_F(FailsafePasses, WaitsForTheCellAndSaysSoOnce) {
@@ -178,18 +178,17 @@ TEST_F(FailsafePasses, WaitsForTheCellAndSaysSoOnce) {
     verify();
 
     EXPECT_EQ(tested_at, START_TIME + 20);
-    EXPECT_THAT(progress(),
-                ElementsAre("verifying new config", "failsafe waiting for cell connection",
-                            "failsafe config detects cell is connected", "performing connection test",
-                            "performing connection test 2", "failsafe config verified"));
+    EXPECT_THAT(progress(), ListIs("verifying new config", "failsafe waiting for cell connection",
+                                   "failsafe config detects cell is connected", "performing connection test",
+                                   "performing connection test 2", "failsafe config verified"));
     std::vector<log_line> seen;
     for (const log_line &line : log_lines())
         if (line.text.rfind("failsafe config: cell connected", 0) == 0)
             seen.push_back(line);
-    EXPECT_THAT(seen, ElementsAre(Debug("failsafe config: cell connected 0"),
-                                  Debug("failsafe config: cell connected 2"),
-                                  Debug("failsafe config: cell connected -1"),
-                                  Debug("failsafe config: cell connected 1")));
+    EXPECT_THAT(seen,
+                ListIs(Debug("failsafe config: cell connected 0"), Debug("failsafe config: cell connected 2"),
+                       Debug("failsafe config: cell connected -1"),
+                       Debug("failsafe config: cell connected 1")));
 }
 
 TEST_F(FailsafePasses, AConnectionLostAfterAFailedTestIsNotAnnouncedAgain) {
@@ -223,11 +222,11 @@ TEST_F(FailsafePasses, BothTestsPassASecondApart) {
     std::vector<std::string> order = calls_of({"ping_test", "sleep", "update_config_apply_status"});
     order.resize(8);
     EXPECT_THAT(order,
-                ElementsAre("update_config_apply_status verifying new config",
-                            "update_config_apply_status cell is disabled, skipping cell connectivity checks",
-                            "update_config_apply_status performing connection test", "ping_test 3 192.0.2.1",
-                            "sleep 1", "update_config_apply_status performing connection test 2",
-                            "ping_test 3 192.0.2.1", "update_config_apply_status failsafe config verified"));
+                ListIs("update_config_apply_status verifying new config",
+                       "update_config_apply_status cell is disabled, skipping cell connectivity checks",
+                       "update_config_apply_status performing connection test", "ping_test 3 192.0.2.1",
+                       "sleep 1", "update_config_apply_status performing connection test 2",
+                       "ping_test 3 192.0.2.1", "update_config_apply_status failsafe config verified"));
     EXPECT_THAT(log_lines(), AllOf(Contains(Alert("failsafe config connection test 1 to 192.0.2.1")),
                                    Contains(Alert("failsafe config connection test 2 to 192.0.2.1")),
                                    Contains(Alert("failsafe config verified"))));
@@ -262,13 +261,13 @@ TEST_F(FailsafePasses, AVerifiedConfigurationIsCommittedAndThenAnnounced) {
     EXPECT_THAT(calls(), AllOf(Contains("save_hw_config_section_to_nv"),
                                Not(Contains(HasSubstr("restore_failsafe")))));
     EXPECT_THAT(published_topics(),
-                ElementsAre("v1/device/job/77/ack", "v1/device/cmd/cfgpush/apply",
-                            "v1/device/config/apps/update", "v1/device/config/iot.vantrel_iot/update"));
+                ListIs("v1/device/job/77/ack", "v1/device/cmd/cfgpush/apply", "v1/device/config/apps/update",
+                       "v1/device/config/iot.vantrel_iot/update"));
     EXPECT_EQ(published_on("v1/device/config/apps/update").front().payload, "77");
 }
 
 TEST_F(FailsafePasses, ARevertedConfigurationIsNotAnnounced) {
     verify(R"({"timer":0})", R"([{"path":"apps"}])");
 
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/job/77/ack"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/job/77/ack"));
 }

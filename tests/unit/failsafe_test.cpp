@@ -14,7 +14,7 @@ using testing::Not;
 TEST_F(FailsafeVerify, TestsTheConfiguredDestination) {
     verify(R"({"destination_ip":"192.0.2.1"})");
 
-    EXPECT_THAT(tests(), ElementsAre("192.0.2.1", "192.0.2.1"));
+    EXPECT_THAT(tests(), ListIs("192.0.2.1", "192.0.2.1"));
     EXPECT_EQ(log_lines().front(), (log_line{LOG_NOTICE, "start failsafe config verification"}));
 }
 
@@ -23,18 +23,18 @@ TEST_F(FailsafeVerify, TakesTheCloudForADestinationThatIsTooShort) {
          {R"({})", R"({"destination_ip":""})", R"({"destination_ip":"1"})", R"({"destination_ip":12})"}) {
         fakes::reset_calls();
         verify(settings);
-        EXPECT_THAT(tests(), ElementsAre("cloud.test", "cloud.test")) << settings;
+        EXPECT_THAT(tests(), ListIs("cloud.test", "cloud.test")) << settings;
     }
 }
 
 TEST_F(FailsafeVerify, TwoCharactersAreADestination) {
     verify(R"({"destination_ip":"::"})");
-    EXPECT_THAT(tests(), ElementsAre("::", "::"));
+    EXPECT_THAT(tests(), ListIs("::", "::"));
 
     fakes::reset_calls();
     fakes::device().cloud_host = "io";
     verify("{}");
-    EXPECT_THAT(tests(), ElementsAre("io", "io"));
+    EXPECT_THAT(tests(), ListIs("io", "io"));
 }
 
 TEST_F(FailsafeVerify, WithoutADestinationTheJobFailsAndTheConfigurationStays) {
@@ -47,8 +47,8 @@ TEST_F(FailsafeVerify, WithoutADestinationTheJobFailsAndTheConfigurationStays) {
 
         EXPECT_THAT(job, IsJson(R"({"jobId":"77", "action":"CFG", "status":"failed",
                                     "msg":"no failsafe config destination IP defined"})"));
-        EXPECT_THAT(log_lines(), ElementsAre(Notice("start failsafe config verification"),
-                                             Notice("no failsafe config destination IP defined")));
+        EXPECT_THAT(log_lines(), ListIs(Notice("start failsafe config verification"),
+                                        Notice("no failsafe config destination IP defined")));
         EXPECT_FALSE(exists(TIMER));
         EXPECT_THAT(progress(), IsEmpty());
         EXPECT_THAT(tests(), IsEmpty());
@@ -95,7 +95,7 @@ TEST_F(FailsafeVerify, AMissingTimerIsFiveMinutes) {
 
 TEST_F(FailsafeVerify, WritingTheTimerFlushesItAndTellsHowItWent) {
     EXPECT_EQ(write_failsafe_timer(START_TIME, 2), 0);
-    EXPECT_THAT(calls(), ElementsAre("write_json_file /var/data/orv/FAILSAFE_TIMER", "sync_to_fs 2"));
+    EXPECT_THAT(calls(), ListIs("write_json_file /var/data/orv/FAILSAFE_TIMER", "sync_to_fs 2"));
     const Json::Value timer = file_json(TIMER);
     EXPECT_EQ(timer["end_time"].asUInt(), static_cast<Json::UInt>(START_TIME + 120));
 
@@ -221,10 +221,9 @@ TEST_F(FailsafeVerify, TheDialerHasRestartedWhenAnotherProcessRuns) {
 
     EXPECT_EQ(count({LOG_NOTICE, "failsafe config: waiting for dialer to restart"}), 5);
     EXPECT_THAT(progress(),
-                ElementsAre("verifying new config", "cell is disabled, skipping cell connectivity checks",
-                            "waiting for dialer to restart", "dialer has restarted",
-                            "performing connection test", "performing connection test 2",
-                            "failsafe config verified"));
+                ListIs("verifying new config", "cell is disabled, skipping cell connectivity checks",
+                       "waiting for dialer to restart", "dialer has restarted", "performing connection test",
+                       "performing connection test 2", "failsafe config verified"));
     EXPECT_EQ(job["status"], "success");
 }
 

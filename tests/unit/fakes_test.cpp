@@ -5,11 +5,16 @@
 #include "platform/mqtt_orv.h"
 #include "platform/sysdb.h"
 #include "platform/vantrel.h"
+#include "tests/fakes/private_root.h"
 
+#include <sys/mount.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 using testing::Contains;
@@ -44,7 +49,7 @@ TEST_F(Fakes, ALogLineKeepsItsPriority) {
     syslog(LOG_ALERT, "job %s", "77");
     syslog(LOG_DEBUG, "rc %d", 200);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Alert("job 77"), Debug(HasSubstr("200"))));
+    EXPECT_THAT(log_lines(), ListIs(Alert("job 77"), Debug(HasSubstr("200"))));
     EXPECT_THAT(log_lines(), Not(Contains(Notice("job 77"))));
 }
 
@@ -57,7 +62,7 @@ TEST_F(Fakes, AFailedWriteLeavesTheOldFile) {
     EXPECT_THAT(active_job("1"), HasMembers(R"({"status":"received"})"));
     EXPECT_EQ(write_json_file((std::string(ACTIVE_FOLDER) + "1").c_str(), json(R"({"jobId":"1"})")), 0);
     EXPECT_THAT(active_job("1"), IsJson(R"({"jobId":"1"})"));
-    EXPECT_THAT(active_jobs(), ElementsAre("1"));
+    EXPECT_THAT(active_jobs(), ListIs("1"));
 }
 
 TEST_F(Fakes, AFullDiskLeavesTheOldFile) {
@@ -78,8 +83,8 @@ TEST_F(Fakes, ACommandIsRunUnlessItIsAnswered) {
     EXPECT_EQ(orvsys("echo %s > /tmp/said; exit %d", "hello", 3), 3);
 
     EXPECT_EQ(file_text("/tmp/said"), "hello\n");
-    EXPECT_THAT(calls(), ElementsAre("orvsys /sbin/reboot -f", "system /sbin/reboot -f",
-                                     "orvsys echo hello > /tmp/said; exit 3"));
+    EXPECT_THAT(calls(), ListIs("orvsys /sbin/reboot -f", "system /sbin/reboot -f",
+                                "orvsys echo hello > /tmp/said; exit 3"));
 }
 
 TEST_F(Fakes, ACommandThatDiesOfASignalHas128More) {
@@ -94,12 +99,71 @@ TEST_F(Fakes, AStubTakesThePlaceOfACommand) {
     EXPECT_EQ(file_text("/tmp/rebooted"), "stub\n");
 }
 
+// Something mounted far below a folder that tests empty, as a clone below /tmp is.
+class EmptyDirectory : public Fakes {
+protected:
+    EmptyDirectory() {
+        write_text("/tmp/a/gone", "x");
+        std::filesystem::create_directories("/tmp/a/b/mounted");
+        EXPECT_EQ(mount("elsewhere", "/tmp/a/b/mounted", "tmpfs", 0, nullptr), 0);
+        write_text("/tmp/a/b/mounted/.git/kept", "y");
+        write_text("/tmp/a/b/gone", "x");
+    }
+    ~EmptyDirectory() override { umount("/tmp/a/b/mounted"); }
+};
+
+TEST_F(EmptyDirectory, DoesNotCrossIntoAMount) {
+    empty_directory("/tmp");
+
+    EXPECT_EQ(file_text("/tmp/a/b/mounted/.git/kept"), "y");
+    EXPECT_THAT(names_in("/tmp/a"), ListIs("b"));
+    EXPECT_THAT(names_in("/tmp/a/b"), ListIs("mounted"));
+}
+
+TEST_F(EmptyDirectory, DoesNotCrossIntoAFolderOfTheSameFileSystem) {
+    write_text("/run/real/kept", "y");
+    write_text("/run/place/gone", "x");
+    std::filesystem::create_directories("/run/place/bound");
+    ASSERT_EQ(mount("/run/real", "/run/place/bound", nullptr, MS_BIND, nullptr), 0);
+
+    empty_directory("/run/place");
+
+    EXPECT_EQ(file_text("/run/real/kept"), "y");
+    EXPECT_THAT(names_in("/run/place"), ListIs("bound"));
+    umount("/run/place/bound");
+}
+
+TEST_F(EmptyDirectory, RemovesALinkAndNotWhatItPointsTo) {
+    write_text("/run/kept", "y");
+    std::filesystem::create_symlink("/run", "/tmp/a/link");
+    umount("/tmp/a/b/mounted");
+
+    empty_directory("/tmp");
+
+    EXPECT_FALSE(exists("/tmp/a"));
+    EXPECT_EQ(file_text("/run/kept"), "y");
+}
+
+TEST_F(Fakes, TheSourceTreeCannotBeWritten) {
+    std::ofstream file(SOURCE_TREE "/written-by-a-test");
+
+    EXPECT_FALSE(file.is_open());
+    EXPECT_EQ(errno, EROFS);
+}
+
+TEST_F(Fakes, TheBuildTreeCanBeWritten) {
+    const std::string path = BUILD_TREE "/written-by-a-test";
+    std::ofstream(path) << "x";
+
+    EXPECT_EQ(file_text(path), "x");
+    std::filesystem::remove(path);
+}
+
 TEST_F(Fakes, ARebootDoesNotReturn) {
     EXPECT_THROW(stop_watchdog_and_force_hw_reboot_blocking(), fake_reboot);
     EXPECT_EQ(switch_firmware_partition(), 0);
 
-    EXPECT_THAT(reboots(),
-                ElementsAre("stop_watchdog_and_force_hw_reboot_blocking", "switch_firmware_partition"));
+    EXPECT_THAT(reboots(), ListIs("stop_watchdog_and_force_hw_reboot_blocking", "switch_firmware_partition"));
 }
 
 TEST_F(Fakes, ConfigurationValuesAreFoundByDottedPath) {
@@ -148,7 +212,7 @@ TEST_F(Fakes, APublishIsKeptWithItsCounter) {
     client.send_message(&counter, "v1/x", client.serialize(json(R"({"rc": 200})")));
     client.send_message(nullptr, "v1/y", "plain");
 
-    EXPECT_THAT(published_topics(), ElementsAre("v1/x", "v1/y"));
+    EXPECT_THAT(published_topics(), ListIs("v1/x", "v1/y"));
     EXPECT_EQ(published()[0].message_id, &counter);
     EXPECT_EQ(published()[0].message_id_value, 1000);
     EXPECT_EQ(published()[0].payload, R"({"rc":200})");
@@ -196,6 +260,6 @@ TEST_F(Fakes, TheSystemLogOfTheCLibraryCanBeRead) {
                      "socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM).sendto(sys.stdin.buffer.read(), "
                      "'/dev/log')\""),
               0);
-    EXPECT_THAT(read_dev_log(log), ElementsAre("<131>said"));
+    EXPECT_THAT(read_dev_log(log), ListIs("<131>said"));
     close(log);
 }

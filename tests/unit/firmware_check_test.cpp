@@ -5,7 +5,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -19,7 +18,7 @@ protected:
     void expect_reverted() {
         EXPECT_EQ(job["status"], "failed");
         EXPECT_EQ(active_job("77")["status"], "failed");
-        EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+        EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
         EXPECT_THAT(log_lines(), Contains(Alert("finalise FW install, job status: failed")));
         EXPECT_THAT(reported(), IsEmpty());
         expect_nothing_staged();
@@ -49,7 +48,7 @@ TEST_F(FirmwareCheck, AWorkingUpgradeIsASuccessAndRebootsOnceMore) {
                                    Contains(Alert("Config verification after FW upgrade successful")),
                                    Contains(Alert("FW upgrade completed FW upgrade 1.0 to 2.0 success")),
                                    Contains(Alert("finalise FW install, job status: success"))));
-    EXPECT_THAT(reboots(), ElementsAre("request_reboot_blocking"));
+    EXPECT_THAT(reboots(), ListIs("request_reboot_blocking"));
     EXPECT_THAT(file_json(SAVED), IsJson(new_config()));
     EXPECT_THAT(reported(), IsEmpty());
     expect_nothing_staged();
@@ -174,7 +173,7 @@ TEST_F(FirmwareCheck, AnUnchangedPartitionFailsItWithoutASwitch) {
     EXPECT_EQ(active_job("77")["status"], "failed");
     EXPECT_THAT(log_lines(), AllOf(Contains(Alert("FW upgrade failed current partition has not changed.")),
                                    Contains(Alert("finalise FW install, job status: failed"))));
-    EXPECT_THAT(reboots(), ElementsAre("request_reboot_blocking"));
+    EXPECT_THAT(reboots(), ListIs("request_reboot_blocking"));
     EXPECT_THAT(updates(), IsEmpty());
     expect_nothing_staged();
     expect_no_configuration_step();
@@ -218,7 +217,7 @@ TEST_F(FirmwareCheck, AForcedStatusIsReportedAsItStandsBeforeASuccess) {
     check();
 
     EXPECT_EQ(updates().back(), "update_job_status: 77 success post_status: 1");
-    ASSERT_THAT(reported(), ElementsAre("success"));
+    ASSERT_THAT(reported(), ListIs("success"));
     EXPECT_EQ(published_on("v1/device/job/77/ack").front().json["params"]["msg"],
               "config has been applied (no failsafe)");
     EXPECT_EQ(active_job("77")["msg"], "FW upgrade 1.0 to 2.0");
@@ -230,7 +229,7 @@ TEST_F(FirmwareCheck, AForcedStatusIsReportedAsItStandsBeforeARevert) {
 
     check();
 
-    EXPECT_THAT(updates(), ElementsAre("update_job_status: 77 executed post_status: 1"));
+    EXPECT_THAT(updates(), ListIs("update_job_status: 77 executed post_status: 1"));
     EXPECT_EQ(active_job("77")["status"], "failed");
 }
 

@@ -9,7 +9,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -66,7 +65,7 @@ TEST_F(FirmwareJob, InstallsTheImageOfItsUrl) {
 
     EXPECT_EQ(tool_command(), "/usr/bin/orv-upgradefw image.bin http://host/path token-of-a-test");
     EXPECT_EQ(job["status"], "executed");
-    EXPECT_THAT(reported(), ElementsAre("executed"));
+    EXPECT_THAT(reported(), ListIs("executed"));
 }
 
 TEST_F(FirmwareJob, IsTheJobInProgressWhileTheToolRuns) {
@@ -88,7 +87,7 @@ TEST_F(FirmwareJob, WithoutAUrlItFailsAndTheUpgradeIsStillTried) {
 
     execute_action_fw_install(job);
 
-    EXPECT_THAT(reported(), ElementsAre("failed", "executed"));
+    EXPECT_THAT(reported(), ListIs("failed", "executed"));
     EXPECT_EQ(published_on("v1/device/job/77/ack").front().json["params"]["msg"],
               "missing required value=<url>'");
     EXPECT_EQ(tool_command(), "/usr/bin/orv-upgradefw   token-of-a-test");
@@ -202,7 +201,7 @@ TEST_F(FirmwareJob, AnyOtherDeviceTypeFailsIt) {
         EXPECT_EQ(tool_command(), "");
         EXPECT_FALSE(job.isMember("msg"));
         EXPECT_FALSE(job.isMember("partition2"));
-        EXPECT_THAT(reported(), ElementsAre("failed"));
+        EXPECT_THAT(reported(), ListIs("failed"));
         expect_failed_and_cleared();
     }
 }
@@ -214,7 +213,7 @@ TEST_F(FirmwareJob, WithoutATokenItFailsAfterItWasReportedExecuted) {
 
     EXPECT_THAT(log_lines(), AllOf(Contains(Alert("FW upgrade requires vantrel-iot access token")),
                                    Contains(Alert("firmware update failed"))));
-    EXPECT_THAT(reported(), ElementsAre("executed", "failed"));
+    EXPECT_THAT(reported(), ListIs("executed", "failed"));
     EXPECT_EQ(tool_command(), "");
     EXPECT_THAT(commands(), Not(Contains(HasSubstr(FW_MARKER))));
     expect_failed_and_cleared();
@@ -230,9 +229,9 @@ TEST_F(FirmwareJob, IsReportedBeforeItsMarkAndTheTool) {
     fw_upgrade(job);
 
     EXPECT_THAT(calls_of({"send_message", "get_device_token", "orvsys", "system"}),
-                ElementsAre(StartsWith("send_message v1/device/job/77/ack"), "get_device_token",
-                            "orvsys echo 1 > /var/volatile/orv/FW_JOB_EXECUTING",
-                            StartsWith("system /usr/bin/orv-upgradefw ")));
+                ListIs(StartsWith("send_message v1/device/job/77/ack"), "get_device_token",
+                       "orvsys echo 1 > /var/volatile/orv/FW_JOB_EXECUTING",
+                       StartsWith("system /usr/bin/orv-upgradefw ")));
     EXPECT_THAT(log_lines(), Contains(Alert("start FW upgrade jobId: 77")));
 }
 
@@ -277,7 +276,7 @@ TEST_F(FirmwareJob, AStartedUpgradeStaysExecutedAndMarkedUntilTheReboot) {
     EXPECT_TRUE(is_fw_job_executing());
     EXPECT_TRUE(exists(FW_MARKER));
     EXPECT_TRUE(exists("/var/data/orv/FIRMWARE_UPDATED"));
-    EXPECT_THAT(reported(), ElementsAre("executed"));
+    EXPECT_THAT(reported(), ListIs("executed"));
     EXPECT_THAT(log_lines(), Not(Contains(Alert(StartsWith("firmware update failed")))));
 }
 
@@ -373,10 +372,10 @@ TEST_F(FirmwareJob, AFailureIsClearedBeforeItIsReported) {
         return line.rfind("system /usr/bin/orv", 0) == 0;
     });
     EXPECT_THAT(std::vector(tool + 1, all.end()),
-                ElementsAre("delete_file /var/run/FW_ERR_CODE", "delete_file /var/data/orv/FIRMWARE_UPDATED",
-                            "delete_file /var/volatile/orv/FW_JOB_EXECUTING",
-                            "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                            StartsWith("send_message v1/device/job/77/ack"), "sleep 2"));
+                ListIs("delete_file /var/run/FW_ERR_CODE", "delete_file /var/data/orv/FIRMWARE_UPDATED",
+                       "delete_file /var/volatile/orv/FW_JOB_EXECUTING",
+                       "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                       StartsWith("send_message v1/device/job/77/ack"), "sleep 2"));
 }
 
 TEST_F(FirmwareJob, AMessageThatIsNoTextDoesNotStopTheReport) {

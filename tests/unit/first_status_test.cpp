@@ -1,7 +1,7 @@
 // The first status of a process: what stands before it, and where the first repeat interval begins.
 #include "tests/fakes/agent_test.h"
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 #include "jobs/job_status.h"
 
 #include <unistd.h>
@@ -60,6 +60,20 @@ TEST_F(FirstStatusDeathTest, BeginsTheFirstIntervalWithItsTime) {
         EXPECT_EQ(repeats_at(START_TIME + 1), 1U);
         EXPECT_EQ(repeats_at(START_TIME + 21), 0U);
         EXPECT_EQ(repeats_at(START_TIME + 22), 1U);
+    });
+}
+
+TEST_F(FirstStatusDeathTest, IsNoReceivedOfAJobThatIsStored) {
+    in_a_new_process([&] {
+        iot_client = &client;
+        given_active_job(R"({"jobId":"77", "status":"received", "ack":false, "ackId":1})");
+        job = active_job("77");
+        update_job_status(job, 1);
+
+        report(1);
+
+        ASSERT_EQ(published().size(), 1U);
+        EXPECT_EQ(published()[0].json["params"]["status"], "executed");
     });
 }
 

@@ -9,7 +9,6 @@
 #include <thread>
 
 using testing::Each;
-using testing::ElementsAre;
 using testing::Field;
 
 namespace {
@@ -35,7 +34,7 @@ TEST_F(TwoThreads, WritingOneJobLeaveOneOfTheRecordsWhole) {
             EXPECT_EQ(write_job_file(job), 0);
     });
 
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
     EXPECT_EQ(active_job("77")["first"], active_job("77")["last"]);
     EXPECT_EQ(calls_of({"write_json_file"}).size(), 2U * ROUNDS);
 }
@@ -59,7 +58,7 @@ TEST_F(TwoThreads, NeverWriteAJobFileAtOnce) {
     });
 
     EXPECT_EQ(writers_without_the_mutex, 0);
-    EXPECT_THAT(active_jobs(), ElementsAre("job manager", "mqtt"));
+    EXPECT_THAT(active_jobs(), ListIs("job manager", "mqtt"));
 }
 
 TEST_F(TwoThreads, ReadNoPartOfAFileThatTheOtherWrites) {

@@ -6,7 +6,6 @@
 #include <stdexcept>
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -36,16 +35,15 @@ TEST_F(JobApply, StoresTheJobAsReceived) {
                                     "status":"received", "ack":false, "ack_attempts":0})");
     expected["ackId"] = expected["timestamp"] = now;
     EXPECT_THAT(active_job("77"), IsJson(expected.toStyledString()));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("incoming job v1/device/job/77/apply"), Debug("job id: 77"),
-                                         Debug("check_cmd_job_priority_is_critical"),
-                                         Debug("write job file: 77"), Alert("write new job file: 77")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("incoming job v1/device/job/77/apply"), Debug("job id: 77"),
+                                    Debug("check_cmd_job_priority_is_critical"), Debug("write job file: 77"),
+                                    Alert("write new job file: 77")));
 }
 
 TEST_F(JobApply, PublishesNothingAndDoesNotPause) {
     cloud_sends(R"({"jobId":"77"})");
 
-    EXPECT_THAT(calls(),
-                ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2"));
+    EXPECT_THAT(calls(), ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2"));
 }
 
 TEST_F(JobApply, OverwritesItsOwnMembers) {
@@ -61,7 +59,7 @@ TEST_F(JobApply, OverwritesItsOwnMembers) {
 TEST_F(JobApply, NamesTheFileByThePayloadAndLogsTheTopic) {
     cloud_sends(R"({"jobId":"78"})", "v1/device/job/77/apply");
 
-    EXPECT_THAT(active_jobs(), ElementsAre("78"));
+    EXPECT_THAT(active_jobs(), ListIs("78"));
     EXPECT_THAT(log_lines(), Contains(Debug("job id: 77")));
     EXPECT_THAT(log_lines(), Contains(Alert("write new job file: 78")));
 }
@@ -74,7 +72,7 @@ TEST_F(JobApply, TakesReservedIdsFromTheTopicAlone) {
     cloud_sends(R"({"jobId":"80"})", "v1/device/job/CLEAR_ACTIVE_JOBSX/apply");
     cloud_sends(R"({"jobId":"81"})", "v1/device/job/clear_active_jobs/apply");
 
-    EXPECT_THAT(active_jobs(), ElementsAre("1234", "80", "81", "CLEAR_ACTIVE_JOBS", "CLEAR_RUNNING_JOB"));
+    EXPECT_THAT(active_jobs(), ListIs("1234", "80", "81", "CLEAR_ACTIVE_JOBS", "CLEAR_RUNNING_JOB"));
 }
 
 class InvalidTopic : public JobApply, public testing::WithParamInterface<const char *> {};
@@ -83,8 +81,8 @@ TEST_P(InvalidTopic, IsLoggedAndStoresNothing) {
     cloud_sends(R"({"jobId":"77"})", GetParam());
 
     expect_nothing_done();
-    EXPECT_THAT(log_lines(), ElementsAre(Debug(std::string("incoming job ") + GetParam()),
-                                         Notice(std::string("invalid topic: ") + GetParam())));
+    EXPECT_THAT(log_lines(), ListIs(Debug(std::string("incoming job ") + GetParam()),
+                                    Notice(std::string("invalid topic: ") + GetParam())));
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, InvalidTopic,
@@ -95,7 +93,7 @@ TEST_F(JobApply, NeedsNoMoreOfTheTopicThanTheId) {
     cloud_sends(R"({"jobId":"1"})", "v1/device/job/first/x/apply");
     cloud_sends(R"({"jobId":"2"})", "v1/device/job/second");
 
-    EXPECT_THAT(active_jobs(), ElementsAre("1", "2"));
+    EXPECT_THAT(active_jobs(), ListIs("1", "2"));
     EXPECT_THAT(log_lines(), Contains(Debug("job id: first")));
     EXPECT_THAT(log_lines(), Contains(Debug("job id: second")));
 }
@@ -106,7 +104,7 @@ TEST_F(JobApply, CutsTheTopicsIdAt63Characters) {
     cloud_sends(R"({"jobId":"2"})", "v1/device/job/" + longest + "y/apply");
     cloud_sends(R"({"jobId":"3"})", "v1/device/job/" + longest + std::string(10'000, 'y') + "/apply");
 
-    EXPECT_THAT(active_jobs(), ElementsAre("1", "2", "3"));
+    EXPECT_THAT(active_jobs(), ListIs("1", "2", "3"));
     EXPECT_THAT(log_lines(), Contains(Debug("job id: " + longest)).Times(3));
 }
 
@@ -114,7 +112,7 @@ TEST_F(JobApply, DoesNotCutTheIdOfThePayload) {
     const std::string long_id(200, 'x');
     cloud_sends("{\"jobId\":\"" + long_id + "\"}");
 
-    EXPECT_THAT(active_jobs(), ElementsAre(long_id));
+    EXPECT_THAT(active_jobs(), ListIs(long_id));
 }
 
 TEST_F(JobApply, DropsWhatIsNoJsonWithoutALog) {
@@ -122,8 +120,7 @@ TEST_F(JobApply, DropsWhatIsNoJsonWithoutALog) {
         fakes::reset_log();
         cloud_sends(payload);
 
-        EXPECT_THAT(log_lines(),
-                    ElementsAre(Debug("incoming job v1/device/job/77/apply"), Debug("job id: 77")))
+        EXPECT_THAT(log_lines(), ListIs(Debug("incoming job v1/device/job/77/apply"), Debug("job id: 77")))
             << payload;
     }
     expect_nothing_done();
@@ -136,8 +133,8 @@ TEST_P(UnusableId, DropsTheJobWithoutALog) {
     cloud_sends("{" + member + "\"action\":\"FW\"}");
 
     expect_nothing_done();
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("incoming job v1/device/job/77/apply"), Debug("job id: 77"),
-                                         Debug("check_cmd_job_priority_is_critical")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("incoming job v1/device/job/77/apply"), Debug("job id: 77"),
+                                    Debug("check_cmd_job_priority_is_critical")));
 }
 
 TEST_P(UnusableId, KeepsACriticalJobFromRunning) {
@@ -236,7 +233,7 @@ TEST_F(JobApply, RunsACriticalJobAtOnceAndStoresNone) {
     std::vector<std::string> statuses;
     for (const auto &report : published_on("v1/device/job/77/ack"))
         statuses.push_back(report.json["params"]["status"].asString());
-    EXPECT_THAT(statuses, ElementsAre("received", "executed", "success"));
+    EXPECT_THAT(statuses, ListIs("received", "executed", "success"));
     EXPECT_EQ(log_lines().back(), (log_line{LOG_DEBUG, "executed critical command job"}));
     EXPECT_THAT(log_lines(), Contains(Debug("confirmed command job has priority CRITICAL")));
     EXPECT_THAT(log_lines(), Not(Contains(Alert("write new job file: 77"))));
@@ -330,9 +327,9 @@ TEST_F(NewJobFile, StampsTheRecordInHandAndStoresIt) {
                                 "ack_attempts":0, "ackId":1700000000, "timestamp":1700000000})"));
     EXPECT_EQ(active_job("77"), job);
     EXPECT_THAT(calls_of({"syslog", "write_json_file", "sync_to_fs"}),
-                ElementsAre("syslog write job file: 77",
-                            "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                            "syslog write new job file: 77"));
+                ListIs("syslog write job file: 77",
+                       "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                       "syslog write new job file: 77"));
 }
 
 TEST_F(NewJobFile, ReplacesAJobOfThatId) {
@@ -357,7 +354,7 @@ TEST_F(NewJobFile, PrintsTheTextOfAnException) {
     EXPECT_EQ(new_job_file(job), -1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "no room\n");
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("write job file: 77")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("write job file: 77")));
 }
 
 TEST_F(NewJobFile, LogsAnyOtherException) {

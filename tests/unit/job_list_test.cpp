@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <functional>
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
@@ -59,7 +58,7 @@ TEST_F(ActiveJobList, RunsFromTheOldestToTheNewest) {
     write_text(active_path("c"), "{}", 20);
     write_text(active_path("a"), "{}", 30);
 
-    EXPECT_THAT(listed(), ElementsAre("b", "c", "a"));
+    EXPECT_THAT(listed(), ListIs("b", "c", "a"));
     EXPECT_EQ(result, 0);
 }
 
@@ -78,7 +77,7 @@ TEST_F(ActiveJobList, GoesByTheFilesTimeAndNotByTheRecord) {
     write_text(active_path("1"), R"({"jobId":"1", "timestamp":10, "ackId":10})", START_TIME + 1);
     write_text(active_path("2"), R"({"jobId":"2", "timestamp":20, "ackId":20})", START_TIME);
 
-    EXPECT_THAT(listed(), ElementsAre("2", "1"));
+    EXPECT_THAT(listed(), ListIs("2", "1"));
 }
 
 TEST_F(ActiveJobList, HoldsJobsOfEqualTimeToo) {
@@ -186,5 +185,5 @@ TEST_F(ActiveJobList, IsInOrderWhateverTheCLibraryMakesOfThatComparison) {
         std::swap(entries[0], entries[count / 2]);
     };
 
-    EXPECT_THAT(listed(), ElementsAre("1", "2", "3", "4", "5", "6", "7"));
+    EXPECT_THAT(listed(), ListIs("1", "2", "3", "4", "5", "6", "7"));
 }

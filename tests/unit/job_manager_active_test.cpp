@@ -4,7 +4,6 @@
 #include "jobs/job_store.h"
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
@@ -24,16 +23,15 @@ TEST_F(ActiveJob, ThatWasReceivedIsReportedThenStarted) {
 
     process(R"({"jobId":"77", "status":"received", "action":"CMD", "params":{"script":"x"}})");
 
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 77"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 77"));
     EXPECT_EQ(neighbours::client, &client);
     EXPECT_THAT(given, IsJson(R"({"jobId":"77", "status":"received", "action":"CMD",
                                   "params":{"script":"x"}})"));
     EXPECT_THAT(calls_of({"syslog", "execute_job_action"}),
-                ElementsAre("syslog process_active_job 77",
-                            "syslog process_active_job job: 77 status: received",
-                            "syslog update_job_status: 77 received post_status: 1",
-                            "syslog prev job status: received current job status: received",
-                            "execute_job_action 77"));
+                ListIs("syslog process_active_job 77", "syslog process_active_job job: 77 status: received",
+                       "syslog update_job_status: 77 received post_status: 1",
+                       "syslog prev job status: received current job status: received",
+                       "execute_job_action 77"));
     EXPECT_THAT(log_lines()[0], Notice("process_active_job 77"));
     EXPECT_THAT(log_lines()[1], Notice("process_active_job job: 77 status: received"));
 }
@@ -42,14 +40,14 @@ TEST_F(ActiveJob, WhoseReceiptIsNotAcknowledgedIsReportedWhenItIsDue) {
     given_repeat_is_due();
     process(R"({"jobId":"77", "status":"received", "ack":false, "ackId":1699999000})");
 
-    EXPECT_THAT(reported("77"), ElementsAre("received"));
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 77"));
+    EXPECT_THAT(reported("77"), ListIs("received"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 77"));
 }
 
 TEST_F(ActiveJob, ThatCannotBeReadIsLeft) {
     process_active_job(client, "77");
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("process_active_job 77")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("process_active_job 77")));
     EXPECT_THAT(neighbours::called, IsEmpty());
 }
 
@@ -89,13 +87,13 @@ TEST_F(ActiveJob, ThatAnInterruptionFailsIsFailedAndReported) {
 
     EXPECT_THAT(log_lines()[2], Alert("job: 77 was interrupted by reboot, setting status to FAILED"));
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"failed", "ack":false, "ackId":1700000000})"));
-    EXPECT_THAT(reported("77"), ElementsAre("failed"));
+    EXPECT_THAT(reported("77"), ListIs("failed"));
     EXPECT_THAT(neighbours::called, IsEmpty());
 }
 
 TEST_F(ActiveJob, ThatAnInterruptionFailsNeedsNoAction) {
     process(R"({"jobId":"77", "status":"executed", "fail_on_reboot":true})");
-    EXPECT_THAT(reported("77"), ElementsAre("failed"));
+    EXPECT_THAT(reported("77"), ListIs("failed"));
 }
 
 TEST_F(ActiveJob, ThatAnInterruptionDoesNotFailIsLeft) {
@@ -107,8 +105,8 @@ TEST_F(ActiveJob, ThatAnInterruptionDoesNotFailIsLeft) {
 
         EXPECT_THAT(neighbours::called, IsEmpty()) << more;
         EXPECT_THAT(calls(), IsEmpty());
-        EXPECT_THAT(log_lines(), ElementsAre(Notice("process_active_job 77"),
-                                             Notice("process_active_job job: 77 status: executed")));
+        EXPECT_THAT(log_lines(), ListIs(Notice("process_active_job 77"),
+                                        Notice("process_active_job job: 77 status: executed")));
     }
 }
 
@@ -125,11 +123,11 @@ INSTANTIATE_TEST_SUITE_P(Each, FirmwareJob, testing::Values("FW", "fw", "FW_PUT"
 TEST_P(FirmwareJob, ThatWasExecutedIsVerified) {
     process(job_of(R"("status":"executed", "ack":true)"));
 
-    EXPECT_THAT(neighbours::called, ElementsAre("check_fw_upgrade_result 77"));
+    EXPECT_THAT(neighbours::called, ListIs("check_fw_upgrade_result 77"));
     EXPECT_EQ(neighbours::client, &client);
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("process_active_job 77"),
-                                         Notice("process_active_job job: 77 status: executed"),
-                                         Alert("start FW post install verification")));
+    EXPECT_THAT(log_lines(),
+                ListIs(Notice("process_active_job 77"), Notice("process_active_job job: 77 status: executed"),
+                       Alert("start FW post install verification")));
 }
 
 TEST_P(FirmwareJob, IsMarkedWhileItIsVerified) {
@@ -149,11 +147,10 @@ TEST_P(FirmwareJob, IsMarkedWhileItIsVerified) {
     EXPECT_FALSE(is_fw_job_executing());
     EXPECT_FALSE(exists(FW_JOB_MARKER));
     EXPECT_THAT(calls_of({"syslog", "orvsys", "check_fw_upgrade_result", "delete_file"}),
-                ElementsAre("syslog process_active_job 77",
-                            "syslog process_active_job job: 77 status: executed",
-                            "syslog start FW post install verification",
-                            "orvsys echo 1 > /var/volatile/orv/FW_JOB_EXECUTING",
-                            "check_fw_upgrade_result 77", "delete_file /var/volatile/orv/FW_JOB_EXECUTING"));
+                ListIs("syslog process_active_job 77", "syslog process_active_job job: 77 status: executed",
+                       "syslog start FW post install verification",
+                       "orvsys echo 1 > /var/volatile/orv/FW_JOB_EXECUTING", "check_fw_upgrade_result 77",
+                       "delete_file /var/volatile/orv/FW_JOB_EXECUTING"));
 }
 
 TEST_P(FirmwareJob, WhoseVerificationThrowsIsNoLongerMarked) {
@@ -169,7 +166,7 @@ TEST_P(FirmwareJob, WhoseVerificationThrowsIsNoLongerMarked) {
 TEST_P(FirmwareJob, ThatAnInterruptionFailsIsNotVerified) {
     process(job_of(R"("status":"executed", "fail_on_reboot":true)"));
 
-    EXPECT_THAT(reported("77"), ElementsAre("failed"));
+    EXPECT_THAT(reported("77"), ListIs("failed"));
     EXPECT_THAT(neighbours::called, IsEmpty());
 }
 
@@ -185,7 +182,7 @@ TEST_F(ActiveJob, WithAnUnverifiedConfigurationIsAppliedAgain) {
     neighbours::inside = [&](Json::Value &) { free = manager_mutex_is_free(); };
     process(R"({"jobId":"77", "status":"executed", "action":"CFG", "cfg_verified":false})");
 
-    EXPECT_THAT(neighbours::called, ElementsAre("cmd_apply 77"));
+    EXPECT_THAT(neighbours::called, ListIs("cmd_apply 77"));
     EXPECT_EQ(neighbours::client, &client);
     EXPECT_FALSE(free);
     EXPECT_THAT(log_lines(), SizeIs(2));
@@ -203,8 +200,8 @@ TEST_F(ActiveJob, WithAnUnverifiedConfigurationIsAppliedEvenWhenTheInterruptionF
     process(R"({"jobId":"77", "status":"executed", "action":"CFG", "cfg_verified":false,
                 "fail_on_reboot":true})");
 
-    EXPECT_THAT(reported("77"), ElementsAre("failed"));
-    EXPECT_THAT(neighbours::called, ElementsAre("cmd_apply 77"));
+    EXPECT_THAT(reported("77"), ListIs("failed"));
+    EXPECT_THAT(neighbours::called, ListIs("cmd_apply 77"));
 }
 
 // --- while an installed firmware is not verified
@@ -223,8 +220,8 @@ TEST_P(FirmwareJob, OfAnUnverifiedFirmwareIsTakenForExecuted) {
         EXPECT_THAT(log_lines()[3], Notice("update_job_status: 77 executed post_status: 1"));
         EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"executed", "override_status":true,
                                                      "ack":false})"));
-        EXPECT_THAT(reported("77"), ElementsAre("executed"));
-        EXPECT_THAT(neighbours::called, ElementsAre("check_fw_upgrade_result 77"));
+        EXPECT_THAT(reported("77"), ListIs("executed"));
+        EXPECT_THAT(neighbours::called, ListIs("check_fw_upgrade_result 77"));
         EXPECT_THAT(verified, HasMembers(R"({"status":"executed", "override_status":true})"));
         EXPECT_TRUE(exists(FIRMWARE_UPDATED_FILE));
     }
@@ -234,7 +231,7 @@ TEST_P(FirmwareJob, OfAnUnverifiedFirmwareThatWasExecutedIsVerifiedAsItIs) {
     given_unverified_firmware();
     process(job_of(R"("status":"executed", "ack":true)"));
 
-    EXPECT_THAT(neighbours::called, ElementsAre("check_fw_upgrade_result 77"));
+    EXPECT_THAT(neighbours::called, ListIs("check_fw_upgrade_result 77"));
     EXPECT_FALSE(active_job("77").isMember("override_status"));
     EXPECT_THAT(published(), IsEmpty());
 }
@@ -244,7 +241,7 @@ TEST_P(FirmwareJob, OfALocalUpgradeIsNotTakenForExecuted) {
     write_text(LOCAL_FW_UPGRADE_FILE, "");
     process(job_of(R"("status":"received")"));
 
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 77"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 77"));
     EXPECT_FALSE(active_job("77").isMember("override_status"));
 }
 
@@ -257,7 +254,7 @@ protected:
     }
 
     static void expect_reverted() {
-        EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+        EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
         EXPECT_FALSE(exists(FIRMWARE_UPDATED_FILE));
         EXPECT_FALSE(exists("/var/data/orv/config.staged"));
         EXPECT_FALSE(exists("/var/data/orv/config.staged.hash"));
@@ -324,6 +321,6 @@ TEST_F(ActiveJob, OfAnyActionIsStartedWhileALocalUpgradeIsNotVerified) {
     write_text(LOCAL_FW_UPGRADE_FILE, "");
     process(R"({"jobId":"77", "action":"CMD", "status":"received"})");
 
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 77"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 77"));
     EXPECT_THAT(reboots(), IsEmpty());
 }

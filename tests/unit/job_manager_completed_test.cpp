@@ -23,8 +23,8 @@ TEST_F(CompletedJob, IsNoneWhileItsStatusIsAnother) {
 
         EXPECT_EQ(process(), 1);
 
-        EXPECT_THAT(log_lines(), ElementsAre(Notice("processing job: 77"),
-                                             Notice("job: 77 status: " + std::string(status))));
+        EXPECT_THAT(log_lines(),
+                    ListIs(Notice("processing job: 77"), Notice("job: 77 status: " + std::string(status))));
         EXPECT_THAT(calls(), IsEmpty());
         EXPECT_THAT(active_job("77"), IsJson(job));
     }
@@ -32,7 +32,7 @@ TEST_F(CompletedJob, IsNoneWhileItsStatusIsAnother) {
 
 TEST_F(CompletedJob, IsNoneWhenItsFileCannotBeRead) {
     EXPECT_EQ(process(), 1);
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("processing job: 77")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("processing job: 77")));
     EXPECT_THAT(calls(), IsEmpty());
 }
 
@@ -45,7 +45,7 @@ TEST_F(CompletedJob, WithoutAStatusHasFailed) {
     EXPECT_THAT(log_lines()[1], Alert("job: 77 does not specify current status, setting status to FAILED"));
     EXPECT_THAT(log_lines()[2], Notice("job: 77 status: failed"));
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"failed", "ack":false, "ackId":1700000000})"));
-    EXPECT_THAT(reported("77"), ElementsAre("failed"));
+    EXPECT_THAT(reported("77"), ListIs("failed"));
 }
 
 class EndedJob : public CompletedJob, public testing::WithParamInterface<const char *> {
@@ -65,11 +65,11 @@ TEST_P(EndedJob, ThatIsNotAcknowledgedIsReportedAgainAndStays) {
 
     EXPECT_EQ(process(), 0);
 
-    EXPECT_THAT(reported("77"), ElementsAre(GetParam()));
+    EXPECT_THAT(reported("77"), ListIs(GetParam()));
     EXPECT_EQ(published().at(0).json["session"], 1699999000);
     EXPECT_THAT(log_lines(),
                 Contains(Notice(std::string("update_job_status: 77 ") + GetParam() + " post_status: 1")));
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
     EXPECT_THAT(archived_jobs(), IsEmpty());
     EXPECT_THAT(calls_of({"write_json_file"}), IsEmpty());
 }
@@ -96,7 +96,7 @@ TEST_P(EndedJob, WithoutAnAcknowledgementMemberStays) {
 
     EXPECT_EQ(process(), 0);
 
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
     EXPECT_THAT(log_lines(), Contains(Notice(StartsWith("update_job_status: 77 "))));
 }
 
@@ -107,13 +107,13 @@ TEST_P(EndedJob, ThatIsAcknowledgedIsArchivedAndChecksIn) {
 
     EXPECT_THAT(active_jobs(), IsEmpty());
     EXPECT_THAT(archived_job("77"), HasMembers(R"({"jobId":"77", "ack":true, "other":[1]})"));
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/data/orv/vantrel_iot/jobs/archive/77",
-                                     "delete_file /var/volatile/orv/FW_JOBID", "sleep 5",
-                                     R"(send_message v1/device/cmd/checkin/apply {"session":"iot-client"})"));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("processing job: 77"),
-                                         Notice(std::string("job: 77 status: ") + GetParam()),
-                                         Alert("archiving job file 77"), Notice("archiving job: 77"),
-                                         Debug("job mgr initiating sequential IOT checkin")));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/data/orv/vantrel_iot/jobs/archive/77",
+                                "delete_file /var/volatile/orv/FW_JOBID", "sleep 5",
+                                R"(send_message v1/device/cmd/checkin/apply {"session":"iot-client"})"));
+    EXPECT_THAT(log_lines(),
+                ListIs(Notice("processing job: 77"), Notice(std::string("job: 77 status: ") + GetParam()),
+                       Alert("archiving job file 77"), Notice("archiving job: 77"),
+                       Debug("job mgr initiating sequential IOT checkin")));
     EXPECT_EQ(published().at(0).message_id, &status_message_id);
 }
 
@@ -124,7 +124,7 @@ TEST_P(EndedJob, OfTheFailsafeConfigurationIsArchivedUnacknowledgedWithoutACheck
 
         EXPECT_EQ(process("FAILSAFE_CONFIG"), 0);
 
-        EXPECT_THAT(archived_jobs(), ElementsAre("FAILSAFE_CONFIG"));
+        EXPECT_THAT(archived_jobs(), ListIs("FAILSAFE_CONFIG"));
         EXPECT_THAT(active_jobs(), IsEmpty());
         EXPECT_THAT(published(), IsEmpty());
         EXPECT_THAT(sleeps(), IsEmpty());
@@ -140,8 +140,8 @@ TEST_P(EndedJob, OfAConfigurationPushIsArchivedUnacknowledgedAndChecksIn) {
 
         EXPECT_EQ(process("POST_CONFIG"), 0);
 
-        EXPECT_THAT(archived_jobs(), ElementsAre("POST_CONFIG"));
-        EXPECT_THAT(published_topics(), ElementsAre("v1/device/cmd/checkin/apply"));
+        EXPECT_THAT(archived_jobs(), ListIs("POST_CONFIG"));
+        EXPECT_THAT(published_topics(), ListIs("v1/device/cmd/checkin/apply"));
         EXPECT_THAT(sleeps(), ElementsAre(5));
     }
 }
@@ -184,7 +184,7 @@ TEST_F(CompletedJob, ThatThrowsIsLoggedAndNotFinished) {
     EXPECT_EQ(process(), 1);
 
     EXPECT_THAT(log_lines().back(), Notice("process_completed_job: exception handler"));
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
     EXPECT_TRUE(manager_mutex_is_free());
 }
 
@@ -193,6 +193,6 @@ TEST_F(CompletedJob, ThatIsNoObjectIsLoggedAndNotFinished) {
 
     EXPECT_EQ(process(), 1);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("processing job: 77"),
-                                         Notice("process_completed_job: exception handler")));
+    EXPECT_THAT(log_lines(),
+                ListIs(Notice("processing job: 77"), Notice("process_completed_job: exception handler")));
 }

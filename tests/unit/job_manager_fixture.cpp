@@ -4,7 +4,7 @@
 #include "actions/firmware_job.h"
 #include "config/apply.h"
 #include "jobs/job_store.h"
-#include "jobs/reset_button.h"
+#include "jobs/manager/reset_button.h"
 
 #include <future>
 

@@ -5,9 +5,9 @@
 
 #include "tests/fakes/agent_test.h"
 
-#include "jobs/job_manager.h"
 #include "jobs/job_record.h"
 #include "jobs/job_status.h"
+#include "jobs/manager/job_manager.h"
 #include "jobs/markers.h"
 
 #include <functional>

@@ -45,7 +45,7 @@ TEST_F(Pass, DoesNothingWhileAFirmwareJobRuns) {
 
     EXPECT_EQ(process_jobs(client), 0);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Alert("FW job in progress")));
+    EXPECT_THAT(log_lines(), ListIs(Alert("FW job in progress")));
     EXPECT_THAT(all_calls(), SizeIs(1)); // the line
 }
 
@@ -57,7 +57,7 @@ TEST_F(Pass, DoesNothingWhileAConfigurationIsApplied) {
 
     EXPECT_EQ(process_jobs(client), 0);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Alert("Config apply job in progress")));
+    EXPECT_THAT(log_lines(), ListIs(Alert("Config apply job in progress")));
     EXPECT_THAT(all_calls(), SizeIs(1));
 }
 
@@ -68,7 +68,7 @@ TEST_F(Pass, DoesNothingWhileACriticalJobRuns) {
 
     EXPECT_EQ(process_jobs(client), 0);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("Critical job execution in progress")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("Critical job execution in progress")));
     EXPECT_THAT(all_calls(), SizeIs(1));
 }
 
@@ -78,7 +78,7 @@ TEST_F(Pass, GoesOnWhileTheModemsFirmwareIsUpdated) {
 
     process_jobs(client);
 
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 1"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 1"));
 }
 
 TEST_F(Pass, AsksTheFlagsNotTheMarkers) {
@@ -88,7 +88,7 @@ TEST_F(Pass, AsksTheFlagsNotTheMarkers) {
 
     process_jobs(client);
 
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 1"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 1"));
 }
 
 // --- the list
@@ -99,7 +99,7 @@ TEST_F(Pass, FailsWhenTheJobsCannotBeListed) {
 
     EXPECT_EQ(process_jobs(client), -1);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("process_jobs: get_active_job_list failed")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("process_jobs: get_active_job_list failed")));
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_TRUE(exists(FIRMWARE_UPDATED_FILE));
 }
@@ -111,7 +111,7 @@ TEST_F(Pass, StartsTheOldestUnfinishedJobAlone) {
 
     EXPECT_EQ(process_jobs(client), 0);
 
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 2"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 2"));
     EXPECT_THAT(log_lines()[0], Notice("processing job: 2"));
     EXPECT_THAT(log_lines(), Not(Contains(Notice(StartsWith("processing job: 3")))));
     EXPECT_EQ(neighbours::client, &client);
@@ -136,9 +136,9 @@ TEST_F(Pass, StartsTheNewerJobOnceTheOlderHasEnded) {
     };
 
     process_jobs(client);
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 1"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 1"));
     process_jobs(client);
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 1", "execute_job_action 2"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 1", "execute_job_action 2"));
 }
 
 TEST_F(Pass, ReportsAFinishedJobAndGoesOnWithTheNext) {
@@ -148,9 +148,9 @@ TEST_F(Pass, ReportsAFinishedJobAndGoesOnWithTheNext) {
 
     EXPECT_EQ(process_jobs(client), 0);
 
-    EXPECT_THAT(reported("1"), ElementsAre("failed"));
-    EXPECT_THAT(active_jobs(), ElementsAre("1", "2"));
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 2"));
+    EXPECT_THAT(reported("1"), ListIs("failed"));
+    EXPECT_THAT(active_jobs(), ListIs("1", "2"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 2"));
 }
 
 TEST_F(Pass, ReportsOnlyTheFirstOfTheFinishedJobsThatWait) {
@@ -160,7 +160,7 @@ TEST_F(Pass, ReportsOnlyTheFirstOfTheFinishedJobsThatWait) {
 
     EXPECT_EQ(process_jobs(client), 0);
 
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/job/1/ack"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/job/1/ack"));
     EXPECT_THAT(log_lines(), Contains(Notice("update_job_status: 3 success post_status: 1")));
 }
 
@@ -171,11 +171,10 @@ TEST_F(Pass, ArchivesEveryAcknowledgedJobAndGoesOnWithTheNext) {
 
     EXPECT_EQ(process_jobs(client), 0);
 
-    EXPECT_THAT(archived_jobs(), ElementsAre("1", "2"));
+    EXPECT_THAT(archived_jobs(), ListIs("1", "2"));
     EXPECT_THAT(sleeps(), ElementsAre(5, 5));
-    EXPECT_THAT(published_topics(),
-                ElementsAre("v1/device/cmd/checkin/apply", "v1/device/cmd/checkin/apply"));
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 3"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/cmd/checkin/apply", "v1/device/cmd/checkin/apply"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 3"));
 }
 
 TEST_F(Pass, LocksForEachJobAndNotForTheWholeOfIt) {
@@ -211,7 +210,7 @@ TEST_P(CorruptJob, IsReplacedByAFailedOneAndTheNextIsHandled) {
     EXPECT_THAT(log_lines()[1], Alert("repairing and failing corrupt or missing job 77"));
     EXPECT_THAT(log_lines()[2], Debug("write job file: 77"));
     EXPECT_THAT(published(), IsEmpty());
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 78"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 78"));
 }
 
 TEST_F(Pass, TellsTheCloudLaterThatACorruptJobFailed) {
@@ -222,7 +221,7 @@ TEST_F(Pass, TellsTheCloudLaterThatACorruptJobFailed) {
     advance(3);
     process_jobs(client);
 
-    EXPECT_THAT(reported("77"), ElementsAre("failed"));
+    EXPECT_THAT(reported("77"), ListIs("failed"));
     EXPECT_EQ(published().at(0).json["session"], static_cast<Json::Int>(repaired_at));
 }
 
@@ -242,7 +241,7 @@ TEST_F(Pass, GoesOnWhenARepairCannotBeStored) {
 
     EXPECT_EQ(process_jobs(client), 0);
 
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 78"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 78"));
 }
 
 // --- while an installed firmware is not verified
@@ -260,14 +259,14 @@ TEST_F(PassOnUnverifiedFirmware, RevertsItWhenItsJobIsGone) {
     EXPECT_EQ(process_jobs(client), 0);
 
     EXPECT_THAT(calls_of({"delete_file", "syslog", "switch_firmware_partition"}),
-                ElementsAre("delete_file /var/data/orv/config.staged",
-                            "delete_file /var/data/orv/config.staged.hash",
-                            "delete_file /var/data/orv/FIRMWARE_UPDATED",
-                            "syslog FW upgrade aborted due to missing job file, reverting to previous FW.",
-                            "switch_firmware_partition"));
+                ListIs("delete_file /var/data/orv/config.staged",
+                       "delete_file /var/data/orv/config.staged.hash",
+                       "delete_file /var/data/orv/FIRMWARE_UPDATED",
+                       "syslog FW upgrade aborted due to missing job file, reverting to previous FW.",
+                       "switch_firmware_partition"));
     EXPECT_THAT(log_lines(),
-                ElementsAre(Alert("FW upgrade aborted due to missing job file, reverting to previous FW.")));
-    EXPECT_THAT(names_in("/var/data/orv"), ElementsAre("vantrel_iot"));
+                ListIs(Alert("FW upgrade aborted due to missing job file, reverting to previous FW.")));
+    EXPECT_THAT(names_in("/var/data/orv"), ListIs("vantrel_iot"));
 }
 
 TEST_F(PassOnUnverifiedFirmware, KeepsItWhileThereIsAJob) {
@@ -309,7 +308,7 @@ TEST_F(PassOnUnverifiedFirmware, RevertsItWhenAJobIsCorrupt) {
     EXPECT_FALSE(exists(FIRMWARE_UPDATED_FILE));
     EXPECT_FALSE(exists("/var/data/orv/config.staged"));
     EXPECT_FALSE(exists("/var/data/orv/config.staged.hash"));
-    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
 }
 
 TEST_F(PassOnUnverifiedFirmware, GoesOnWithTheNextJobAfterACorruptOne) {
@@ -320,8 +319,8 @@ TEST_F(PassOnUnverifiedFirmware, GoesOnWithTheNextJobAfterACorruptOne) {
     EXPECT_EQ(process_jobs(client), 0);
 
     EXPECT_EQ(active_job("78")["action"], "FW");
-    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition", "switch_firmware_partition"));
-    EXPECT_THAT(neighbours::called, ElementsAre("execute_job_action 79"));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition", "switch_firmware_partition"));
+    EXPECT_THAT(neighbours::called, ListIs("execute_job_action 79"));
 }
 
 // --- what throws

@@ -45,7 +45,7 @@ TEST_F(ManagerThread, OpensTheLogAndSaysThatItStarts) {
     run(0);
 
     EXPECT_THAT(opened_logs(), ElementsAre(opened_log{"iot", 0, LOG_LOCAL0}));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("starting job_mgr_main"), nothing_to_recover()));
+    EXPECT_THAT(log_lines(), ListIs(Notice("starting job_mgr_main"), nothing_to_recover()));
     EXPECT_THAT(all_calls()[0].function, "openlog");
 }
 
@@ -103,8 +103,8 @@ TEST_F(ManagerThread, PollsTheButtonBeforeThePassOfTheSameSecond) {
     given_job_to_start();
     run(2);
 
-    EXPECT_THAT(neighbours::called, ElementsAre("poll_reset_button", "poll_reset_button", "poll_reset_button",
-                                                "execute_job_action 1"));
+    EXPECT_THAT(neighbours::called, ListIs("poll_reset_button", "poll_reset_button", "poll_reset_button",
+                                           "execute_job_action 1"));
 }
 
 TEST_F(ManagerThread, GoesOnWhenThePollThrows) {
@@ -149,7 +149,7 @@ TEST_F(ManagerThread, FinishesAnInterruptedApplyBeforeAnythingElse) {
     };
     run(0);
 
-    EXPECT_THAT(neighbours::called, ElementsAre("cmd_apply 9", "poll_reset_button"));
+    EXPECT_THAT(neighbours::called, ListIs("cmd_apply 9", "poll_reset_button"));
     EXPECT_FALSE(free);
     EXPECT_TRUE(manager_mutex_is_free());
 }
@@ -169,7 +169,7 @@ TEST_F(ManagerThread, GoesOnWhenTheRecoveryThrows) {
     run(2);
 
     EXPECT_THAT(log_lines(), Contains(Notice("job_mgr_main: exception handler")).Times(1));
-    EXPECT_THAT(neighbours::called, ElementsAre("cmd_apply 9", "execute_job_action 1"));
+    EXPECT_THAT(neighbours::called, ListIs("cmd_apply 9", "execute_job_action 1"));
     EXPECT_TRUE(manager_mutex_is_free());
 }
 
@@ -177,7 +177,7 @@ TEST_F(ManagerThread, TakesALocalUpgradeForNoneWithoutAnInstalledFirmware) {
     write_text(LOCAL_FW_UPGRADE_FILE, "");
     run(0);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("starting job_mgr_main"), nothing_to_recover()));
+    EXPECT_THAT(log_lines(), ListIs(Notice("starting job_mgr_main"), nothing_to_recover()));
     EXPECT_TRUE(exists(LOCAL_FW_UPGRADE_FILE));
 }
 
@@ -188,12 +188,11 @@ TEST_F(ManagerThread, LeavesTheCloudsFirmwareToThePasses) {
     given_interrupted_apply();
     run(0);
 
-    EXPECT_THAT(log_lines(),
-                ElementsAre(Notice("starting job_mgr_main"), Alert("job_mgr detects firmware update"),
-                            Alert("job_mgr detects IOT firmware update")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("starting job_mgr_main"), Alert("job_mgr detects firmware update"),
+                                    Alert("job_mgr detects IOT firmware update")));
     EXPECT_TRUE(exists(FIRMWARE_UPDATED_FILE));
     EXPECT_THAT(neighbours::called, IsEmpty());
-    EXPECT_THAT(calls(), ElementsAre("sleep 1"));
+    EXPECT_THAT(calls(), ListIs("sleep 1"));
 }
 
 TEST_F(ManagerThread, VerifiesTheCloudsFirmwareInItsFirstPass) {
@@ -201,7 +200,7 @@ TEST_F(ManagerThread, VerifiesTheCloudsFirmwareInItsFirstPass) {
     given_active_job(R"({"jobId":"1", "status":"executed", "action":"FW"})");
     run(2);
 
-    EXPECT_THAT(neighbours::called, ElementsAre("check_fw_upgrade_result 1"));
+    EXPECT_THAT(neighbours::called, ListIs("check_fw_upgrade_result 1"));
     EXPECT_THAT(neighbours::called_at, ElementsAre(2));
 }
 
@@ -223,12 +222,11 @@ protected:
 TEST_F(ManagerThreadAfterALocalUpgrade, RecoversDeletesBothMarksAndMakesTheOrdinaryCheck) {
     run(0);
 
-    EXPECT_THAT(log_lines(),
-                ElementsAre(Notice("starting job_mgr_main"), Alert("job_mgr detects firmware update"),
-                            Alert("job_mgr detects local firmware update"), Debug("No staged config found"),
-                            nothing_to_recover()));
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/data/orv/LOCAL_FW_UPGRADE",
-                                     "delete_file /var/data/orv/FIRMWARE_UPDATED", "sleep 1"));
+    EXPECT_THAT(log_lines(), ListIs(Notice("starting job_mgr_main"), Alert("job_mgr detects firmware update"),
+                                    Alert("job_mgr detects local firmware update"),
+                                    Debug("No staged config found"), nothing_to_recover()));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/data/orv/LOCAL_FW_UPGRADE",
+                                "delete_file /var/data/orv/FIRMWARE_UPDATED", "sleep 1"));
     expect_marks_deleted();
 }
 
@@ -242,18 +240,18 @@ TEST_F(ManagerThreadAfterALocalUpgrade, VerifiesTheStagedConfigurationWhileBothM
     };
     run(0);
 
-    EXPECT_THAT(neighbours::called, ElementsAre("cmd_apply LOCAL_FW_UPGRADE after an upgrade"));
+    EXPECT_THAT(neighbours::called, ListIs("cmd_apply LOCAL_FW_UPGRADE after an upgrade"));
     EXPECT_EQ(neighbours::client, &client);
     EXPECT_TRUE(local);
     EXPECT_TRUE(updated);
     expect_marks_deleted();
-    EXPECT_THAT(reboots(), ElementsAre("request_reboot_blocking"));
+    EXPECT_THAT(reboots(), ListIs("request_reboot_blocking"));
 }
 
 TEST_F(ManagerThreadAfterALocalUpgrade, StillFinishesAnInterruptedApply) {
     given_interrupted_apply();
     run(0);
-    EXPECT_THAT(neighbours::called, ElementsAre("cmd_apply 9"));
+    EXPECT_THAT(neighbours::called, ListIs("cmd_apply 9"));
 }
 
 TEST_F(ManagerThreadAfterALocalUpgrade, GoesBackWhenTheVerificationThrows) {
@@ -263,7 +261,7 @@ TEST_F(ManagerThreadAfterALocalUpgrade, GoesBackWhenTheVerificationThrows) {
 
     expect_marks_deleted();
     EXPECT_THAT(log_lines(), Contains(Notice("verify_upgrade_config: exception handler")).Times(1));
-    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
 }
 
 TEST_F(ManagerThreadAfterALocalUpgrade, DeletesBothMarksAndGoesOnWhenTheRecoveryThrows) {
@@ -280,7 +278,7 @@ TEST_F(ManagerThreadAfterALocalUpgrade, DeletesBothMarksAndGoesOnWhenTheRecovery
     EXPECT_THAT(log_lines(), Contains(Notice("job_mgr_main: exception handler")).Times(1));
     EXPECT_THAT(log_lines(), Contains(nothing_to_recover()));
     EXPECT_THAT(neighbours::called,
-                ElementsAre("cmd_apply LOCAL_FW_UPGRADE after an upgrade", "execute_job_action 1"));
+                ListIs("cmd_apply LOCAL_FW_UPGRADE after an upgrade", "execute_job_action 1"));
 }
 
 TEST_F(ManagerThreadAfterALocalUpgrade, MakesNoOrdinaryCheckWhileTheMarkOfTheFirmwareStays) {

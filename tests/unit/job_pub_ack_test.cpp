@@ -4,7 +4,6 @@
 #include "agent/acknowledgements.h"
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -48,12 +47,11 @@ TEST_F(JobPubAck, AcceptedIsLoggedAndThenStored) {
     cloud_answers(payload);
 
     EXPECT_THAT(log_lines(),
-                ElementsAre(received(payload),
-                            Alert("job: /var/data/orv/vantrel_iot/jobs/active/77 set ACK: true for job "
-                                  "status:executed"),
-                            Debug("write job file: 77")));
-    EXPECT_THAT(calls(),
-                ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2"));
+                ListIs(received(payload),
+                       Alert("job: /var/data/orv/vantrel_iot/jobs/active/77 set ACK: true for job "
+                             "status:executed"),
+                       Debug("write job file: 77")));
+    EXPECT_THAT(calls(), ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2"));
 }
 
 TEST_F(JobPubAck, AcceptedTwiceChangesNothingMore) {
@@ -74,7 +72,7 @@ TEST_F(JobPubAck, ForAnotherReportIsIgnoredWithoutALog) {
         fakes::reset_log();
         cloud_answers(answer);
 
-        EXPECT_THAT(log_lines(), ElementsAre(received(answer)));
+        EXPECT_THAT(log_lines(), ListIs(received(answer)));
     }
     expect_no_change();
 }
@@ -93,7 +91,7 @@ TEST_F(JobPubAck, ForAMissingJobIsIgnored) {
 
     cloud_answers(payload);
 
-    EXPECT_THAT(log_lines(), ElementsAre(received(payload)));
+    EXPECT_THAT(log_lines(), ListIs(received(payload)));
     expect_no_change();
     EXPECT_THAT(active_jobs(), IsEmpty());
 }
@@ -132,7 +130,7 @@ TEST_F(JobPubAck, WithoutSessionOrCodeIsLoggedAndDropped) {
         fakes::reset_log();
         cloud_answers(answer);
 
-        EXPECT_THAT(log_lines(), ElementsAre(received(answer)));
+        EXPECT_THAT(log_lines(), ListIs(received(answer)));
     }
     expect_no_change();
 }
@@ -148,7 +146,7 @@ TEST_P(RefusalBelowTheLimit, LeavesTheFileAsItWas) {
         cloud_answers(payload);
 
     EXPECT_EQ(file_text(std::string(ACTIVE_FOLDER) + "77"), before);
-    EXPECT_THAT(log_lines(), ElementsAre(received(payload), received(payload), received(payload)));
+    EXPECT_THAT(log_lines(), ListIs(received(payload), received(payload), received(payload)));
     expect_no_change();
 }
 
@@ -179,13 +177,13 @@ TEST_F(JobPubAck, RefusedTooOftenIsLoggedThenStoredThenArchived) {
     cloud_answers(R"({"jobId":"77", "session":1000, "rc":503})");
 
     EXPECT_THAT(log_lines(),
-                ElementsAre(Debug(HasSubstr("received pub ack message: ")),
-                            Alert("job: 77 exceeded max attempts to update with IOT. job will be FAILED and "
-                                  "archived "),
-                            Debug("write job file: 77"), Notice("archiving job: 77")));
-    EXPECT_THAT(calls(), ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77",
-                                     "sync_to_fs 2", "delete_file /var/data/orv/vantrel_iot/jobs/archive/77",
-                                     "delete_file /var/volatile/orv/FW_JOBID"));
+                ListIs(Debug(HasSubstr("received pub ack message: ")),
+                       Alert("job: 77 exceeded max attempts to update with IOT. job will be FAILED and "
+                             "archived "),
+                       Debug("write job file: 77"), Notice("archiving job: 77")));
+    EXPECT_THAT(calls(), ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                                "delete_file /var/data/orv/vantrel_iot/jobs/archive/77",
+                                "delete_file /var/volatile/orv/FW_JOBID"));
     EXPECT_FALSE(exists("/var/volatile/orv/FW_JOBID"));
 }
 

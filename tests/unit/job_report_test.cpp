@@ -1,7 +1,6 @@
 // The status message itself, and the network check before it.
 #include "tests/unit/reporting_test.h"
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 class SendJobStatus : public ReportingTest {
@@ -18,7 +17,7 @@ TEST_F(SendJobStatus, PublishesIdAndStatusUnderTheSession) {
 
     EXPECT_THAT(report, IsJson(R"({"method":"updateJob", "session":1700000000,
                                    "params":{"jobId":"1234-abc", "status":"executed"}})"));
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/job/1234-abc/ack"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/job/1234-abc/ack"));
 }
 
 TEST_F(SendJobStatus, AddsFirmwareVersionAndMessageAsTheyAre) {
@@ -41,7 +40,7 @@ TEST_F(SendJobStatus, SendsTheIdAsTextAndTheSessionAsItIs) {
 TEST_F(SendJobStatus, ReportsWhateverTheStatusAndTheAcknowledgement) {
     sent(R"({"jobId":"FAILSAFE_CONFIG", "status":"verifying", "ack":true, "ackId":0})");
 
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/job/FAILSAFE_CONFIG/ack"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/job/FAILSAFE_CONFIG/ack"));
 }
 
 TEST_F(SendJobStatus, CountsThenLogsThenSends) {
@@ -53,9 +52,9 @@ TEST_F(SendJobStatus, CountsThenLogsThenSends) {
     EXPECT_EQ(published()[0].message_id, &status_message_id);
     EXPECT_EQ(published()[0].message_id_value, before + 1);
     const std::string payload = published()[0].payload;
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("ping to cloud.test OK"), Debug("network check: 1"),
-                                         Alert("send status update for job: 77 status: failed"),
-                                         Debug("send_message: " + payload)));
+    EXPECT_THAT(log_lines(), ListIs(Debug("ping to cloud.test OK"), Debug("network check: 1"),
+                                    Alert("send status update for job: 77 status: failed"),
+                                    Debug("send_message: " + payload)));
     EXPECT_EQ(payload.find('\n'), payload.npos);
     EXPECT_EQ(calls_of({"syslog", "send_message"}).back(), "send_message v1/device/job/77/ack " + payload);
 }
@@ -68,7 +67,7 @@ TEST_F(SendJobStatus, WithoutTheNetworkSendsAndCountsNothing) {
 
     EXPECT_THAT(published(), IsEmpty());
     EXPECT_EQ(status_message_id, before);
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("network check: 0")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("network check: 0")));
 }
 
 TEST_F(SendJobStatus, WritesNoFileAndDoesNotPause) {
@@ -94,9 +93,9 @@ TEST_F(NetworkCheck, IsTrueWhenTheCloudsHostAnswers) {
 
     EXPECT_TRUE(iot_network_check());
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("ping to iot.example OK"), Debug("network check: 1")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("ping to iot.example OK"), Debug("network check: 1")));
     EXPECT_THAT(calls_of({"cmd_get_value_json", "ping_test"}),
-                ElementsAre("cmd_get_value_json iot.vantrel_iot", "ping_test 2 iot.example"));
+                ListIs("cmd_get_value_json iot.vantrel_iot", "ping_test 2 iot.example"));
 }
 
 TEST_F(NetworkCheck, IsFalseWhenTheCloudsHostIsSilent) {
@@ -106,7 +105,7 @@ TEST_F(NetworkCheck, IsFalseWhenTheCloudsHostIsSilent) {
 
         EXPECT_FALSE(iot_network_check());
 
-        EXPECT_THAT(log_lines(), ElementsAre(Debug("network check: 0")));
+        EXPECT_THAT(log_lines(), ListIs(Debug("network check: 0")));
     }
 }
 
@@ -115,7 +114,7 @@ TEST_F(NetworkCheck, IsFalseWithoutTheConfiguration) {
 
     EXPECT_FALSE(iot_network_check());
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("Error reading IOT config")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("Error reading IOT config")));
     EXPECT_THAT(calls_of({"ping_test"}), IsEmpty());
 }
 
@@ -124,7 +123,7 @@ TEST_F(NetworkCheck, IsFalseWithoutAHost) {
 
     EXPECT_FALSE(iot_network_check());
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("No IOT URL!")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("No IOT URL!")));
     EXPECT_THAT(calls_of({"ping_test"}), IsEmpty());
 }
 

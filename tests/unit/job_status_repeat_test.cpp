@@ -51,11 +51,11 @@ TEST_F(RepeatJobStatus, SaysWhenTheNextMayFollow) {
     auto lines = log_lines();
     ASSERT_GE(lines.size(), 4U);
     lines.resize(4);
-    EXPECT_THAT(lines, ElementsAre(Notice("update_job_status: 77 executed post_status: 1"),
-                                   Notice("prev job status: executed current job status: executed"),
-                                   Debug("update_job_status: sending repeat job status, next:" +
-                                         std::to_string(start + 20) + " now:" + std::to_string(start)),
-                                   Debug("send job status:executed to IOT, ack_id:1000")));
+    EXPECT_THAT(lines, ListIs(Notice("update_job_status: 77 executed post_status: 1"),
+                              Notice("prev job status: executed current job status: executed"),
+                              Debug("update_job_status: sending repeat job status, next:" +
+                                    std::to_string(start + 20) + " now:" + std::to_string(start)),
+                              Debug("send job status:executed to IOT, ack_id:1000")));
 }
 
 TEST_F(RepeatJobStatus, WaitsUntilMoreThan20SecondsHavePassed) {
@@ -75,8 +75,8 @@ TEST_F(RepeatJobStatus, BeforeItsTimeOnlyLogsBothStatuses) {
 
     report("77");
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("update_job_status: 77 executed post_status: 1"),
-                                         Notice("prev job status: executed current job status: executed")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("update_job_status: 77 executed post_status: 1"),
+                                    Notice("prev job status: executed current job status: executed")));
     EXPECT_THAT(calls(), IsEmpty());
 }
 
@@ -169,6 +169,26 @@ TEST_F(RepeatJobStatus, TriesAgainAfterTheIntervalWhenTheNetworkWasGone) {
     EXPECT_EQ(reports_at(start + 20), 0U);
     EXPECT_EQ(reports_at(start + 21), 1U);
     EXPECT_EQ(published()[0].json["session"], 1000);
+}
+
+TEST_F(RepeatJobStatus, StopsWhenTheClockWasSetBackUntilItHasCaughtUp) {
+    EXPECT_EQ(reports_at(start), 1U);
+    EXPECT_EQ(reports_at(start - 3600), 0U);
+    EXPECT_EQ(reports_at(start - 1800), 0U);
+    EXPECT_EQ(reports_at(start + 20), 0U);
+    EXPECT_EQ(reports_at(start + 21), 1U);
+}
+
+TEST_F(RepeatJobStatus, IsAllThatAClockThatWasSetBackHoldsUp) {
+    report("77");
+    set_time(start - 3600);
+    Json::Value job = active_job("77");
+    job["status"] = "success";
+
+    update_job_status(job, 1);
+
+    ASSERT_EQ(published().size(), 2U);
+    EXPECT_EQ(published()[1].json["session"], static_cast<int>(start) - 3600);
 }
 
 TEST_F(RepeatJobStatus, OfAStatusThatNeedsNoAnswerIsNothing) {

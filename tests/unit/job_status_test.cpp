@@ -41,16 +41,15 @@ TEST_F(UpdateJobStatus, LogsChecksTheNetworkReportsAndPausesInThisOrder) {
     update(R"({"jobId":"77", "status":"executed"})");
 
     EXPECT_THAT(log_lines(),
-                ElementsAre(Notice("update_job_status: 77 executed post_status: 1"),
-                            Notice("prev job status: received current job status: executed"),
-                            Debug("job status executed setting ACK to false"), Debug("write job file: 77"),
-                            Debug(at("send job status:executed to IOT, ack_id:NOW")),
-                            Debug("ping to cloud.test OK"), Debug("network check: 1"),
-                            Alert("send status update for job: 77 status: executed"),
-                            Debug(HasSubstr("send_message: {"))));
-    EXPECT_THAT(calls(),
-                ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                            HasSubstr("send_message v1/device/job/77/ack {"), "sleep 2"));
+                ListIs(Notice("update_job_status: 77 executed post_status: 1"),
+                       Notice("prev job status: received current job status: executed"),
+                       Debug("job status executed setting ACK to false"), Debug("write job file: 77"),
+                       Debug(at("send job status:executed to IOT, ack_id:NOW")),
+                       Debug("ping to cloud.test OK"), Debug("network check: 1"),
+                       Alert("send status update for job: 77 status: executed"),
+                       Debug(HasSubstr("send_message: {"))));
+    EXPECT_THAT(calls(), ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                                HasSubstr("send_message v1/device/job/77/ack {"), "sleep 2"));
 }
 
 class ReportedStatus : public UpdateJobStatus, public testing::WithParamInterface<const char *> {};
@@ -81,9 +80,9 @@ TEST_P(IntermediateStatus, IsStoredAsNeedingNoAcknowledgementAndNotPublished) {
     expect_stored(R"({"ack":true, "ackId":0, "ackTs":4, "status":")" + status + "\"}");
     EXPECT_THAT(published(), IsEmpty());
     EXPECT_THAT(sleeps(), IsEmpty());
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("update_job_status: 77 " + status + " post_status: 1"),
-                                         Debug("set job ACK true"), Debug("write job file: 77"),
-                                         Debug("did not post status " + status + " to IOT: ackid:0 ack:1")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("update_job_status: 77 " + status + " post_status: 1"),
+                                    Debug("set job ACK true"), Debug("write job file: 77"),
+                                    Debug("did not post status " + status + " to IOT: ackid:0 ack:1")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, IntermediateStatus,
@@ -112,7 +111,7 @@ TEST_F(UpdateJobStatus, WithAnyOtherPostStatusPublishes) {
     update(R"({"jobId":"77", "status":"executed"})", -1);
     update(R"({"jobId":"78", "status":"executed"})", 7);
 
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/job/77/ack", "v1/device/job/78/ack"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/job/77/ack", "v1/device/job/78/ack"));
     EXPECT_THAT(log_lines(), Contains(Notice("update_job_status: 77 executed post_status: -1")));
     EXPECT_THAT(log_lines(), Contains(Notice("update_job_status: 78 executed post_status: 7")));
 }
@@ -123,7 +122,7 @@ TEST_F(UpdateJobStatus, WithoutIdOrStatusOnlyLogs) {
         update(text);
 
         EXPECT_THAT(job, IsJson(text));
-        EXPECT_THAT(log_lines(), ElementsAre(Notice("job object must contain jobid and status"))) << text;
+        EXPECT_THAT(log_lines(), ListIs(Notice("job object must contain jobid and status"))) << text;
     }
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_THAT(active_jobs(), IsEmpty());
@@ -265,9 +264,8 @@ TEST_F(UpdateJobStatus, OfTheFailsafeJobMayBeIntermediateToo) {
     update(R"({"jobId":"FAILSAFE_CONFIG", "status":"verifying", "ack":false})");
 
     expect_stored(R"({"ack":true, "ackId":0, "status":"verifying"})");
-    EXPECT_THAT(log_lines(),
-                ElementsAre(Notice("update_job_status: FAILSAFE_CONFIG verifying post_status: 1"),
-                            Debug("set job ACK true"), Debug("write job file: FAILSAFE_CONFIG")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("update_job_status: FAILSAFE_CONFIG verifying post_status: 1"),
+                                    Debug("set job ACK true"), Debug("write job file: FAILSAFE_CONFIG")));
 }
 
 TEST_F(UpdateJobStatus, IsSilentForEveryIdThatBeginsLikeTheFailsafeJob) {

@@ -4,24 +4,13 @@
 #include "jobs/job_store.h"
 
 #include <filesystem>
-#include <future>
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
 
 constexpr const char *FW_JOBID = "/var/volatile/orv/FW_JOBID";
-
-bool is_free(std::mutex &mutex) {
-    return std::async(std::launch::async,
-                      [&] {
-                          const std::unique_lock lock(mutex, std::try_to_lock);
-                          return lock.owns_lock();
-                      })
-        .get();
-}
 
 } // namespace
 
@@ -31,10 +20,10 @@ TEST_F(WriteJobFile, StoresTheWholeRecordUnderItsId) {
     EXPECT_EQ(write_job_file(json(R"({"jobId":"1234-abc", "status":"received", "other":[1, {"a":null}]})")),
               0);
 
-    EXPECT_THAT(active_jobs(), ElementsAre("1234-abc"));
+    EXPECT_THAT(active_jobs(), ListIs("1234-abc"));
     EXPECT_THAT(active_job("1234-abc"),
                 IsJson(R"({"jobId":"1234-abc", "status":"received", "other":[1, {"a":null}]})"));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("write job file: 1234-abc")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("write job file: 1234-abc")));
 }
 
 TEST_F(WriteJobFile, ReplacesTheFormerRecordWhole) {
@@ -49,20 +38,20 @@ TEST_F(WriteJobFile, LogsThenWritesThenFlushes) {
     write_job_file(json(R"({"jobId":"77"})"));
 
     EXPECT_THAT(calls_of({"syslog", "write_json_file", "sync_to_fs"}),
-                ElementsAre("syslog write job file: 77",
-                            "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2"));
+                ListIs("syslog write job file: 77",
+                       "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2"));
 }
 
 TEST_F(WriteJobFile, HoldsTheMutexForTheWriteAlone) {
     std::vector<std::string> seen;
     fakes::before_change = [&](const fakes::call &call) {
-        seen.push_back(call.function + (is_free(job_file_mutex) ? " free" : " held"));
+        seen.push_back(call.function + (free_for_another_thread(job_file_mutex) ? " free" : " held"));
     };
 
     write_job_file(json(R"({"jobId":"77"})"));
 
-    EXPECT_THAT(seen, ElementsAre("write_json_file held", "sync_to_fs free"));
-    EXPECT_TRUE(is_free(job_file_mutex));
+    EXPECT_THAT(seen, ListIs("write_json_file held", "sync_to_fs free"));
+    EXPECT_TRUE(free_for_another_thread(job_file_mutex));
 }
 
 TEST_F(WriteJobFile, TakesNoOtherMutex) {
@@ -87,9 +76,9 @@ TEST_F(WriteJobFile, HandsOnTheResultOfTheWriteAndStillFlushes) {
     EXPECT_EQ(write_job_file(json(R"({"jobId":"77", "status":"failed"})")), -1);
     EXPECT_EQ(write_job_file(json(R"({"jobId":"77", "status":"failed"})")), 5);
 
-    EXPECT_THAT(calls_of({"sync_to_fs"}), ElementsAre("sync_to_fs 2", "sync_to_fs 2"));
+    EXPECT_THAT(calls_of({"sync_to_fs"}), ListIs("sync_to_fs 2", "sync_to_fs 2"));
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"received"})"));
-    EXPECT_TRUE(is_free(job_file_mutex));
+    EXPECT_TRUE(free_for_another_thread(job_file_mutex));
 }
 
 TEST_F(WriteJobFile, OnAFullDiskLeavesTheOldRecord) {
@@ -101,7 +90,7 @@ TEST_F(WriteJobFile, OnAFullDiskLeavesTheOldRecord) {
     EXPECT_EQ(write_job_file(job), -1);
 
     EXPECT_THAT(active_job("77"), IsJson(R"({"jobId":"77", "status":"received"})"));
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
 }
 
 class JobFileExists : public AgentTest {};
@@ -139,7 +128,7 @@ TEST_F(CheckJobFile, AcceptsWhatHasIdAndStatus) {
 
 TEST_F(CheckJobFile, ReportsAMissingFile) {
     EXPECT_EQ(check_job_file("77"), -1);
-    EXPECT_THAT(log_lines(), ElementsAre(Alert("job file 77 not found")));
+    EXPECT_THAT(log_lines(), ListIs(Alert("job file 77 not found")));
 }
 
 TEST_F(CheckJobFile, ReportsAFileThatIsNoJson) {
@@ -148,7 +137,7 @@ TEST_F(CheckJobFile, ReportsAFileThatIsNoJson) {
         write_text(std::string(ACTIVE_FOLDER) + "77", text);
 
         EXPECT_EQ(check_job_file("77"), -1) << text;
-        EXPECT_THAT(log_lines(), ElementsAre(Alert("error reading job file 77"))) << text;
+        EXPECT_THAT(log_lines(), ListIs(Alert("error reading job file 77"))) << text;
     }
 }
 
@@ -158,8 +147,7 @@ TEST_F(CheckJobFile, ReportsMissingMembers) {
         write_text(std::string(ACTIVE_FOLDER) + "77", text);
 
         EXPECT_EQ(check_job_file("77"), -1) << text;
-        EXPECT_THAT(log_lines(), ElementsAre(Alert("job 77 missing required values jobId and status")))
-            << text;
+        EXPECT_THAT(log_lines(), ListIs(Alert("job 77 missing required values jobId and status"))) << text;
     }
 }
 
@@ -169,7 +157,7 @@ TEST_F(CheckJobFile, ReportsWhatIsJsonButNoObject) {
         write_text(std::string(ACTIVE_FOLDER) + "77", text);
 
         EXPECT_EQ(check_job_file("77"), -1) << text;
-        EXPECT_THAT(log_lines(), ElementsAre(Alert("exeception reading job file 77"))) << text;
+        EXPECT_THAT(log_lines(), ListIs(Alert("exeception reading job file 77"))) << text;
     }
 }
 
@@ -180,7 +168,7 @@ TEST_F(CheckJobFile, ChangesNothing) {
     check_job_file("78");
 
     EXPECT_THAT(calls(), IsEmpty());
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
 }
 
 class ArchiveJobFile : public AgentTest {};
@@ -191,9 +179,9 @@ TEST_F(ArchiveJobFile, MovesTheJobToTheArchive) {
 
     archive_job_file(json(R"({"jobId":"77", "status":"in memory only"})"));
 
-    EXPECT_THAT(active_jobs(), ElementsAre("78"));
+    EXPECT_THAT(active_jobs(), ListIs("78"));
     EXPECT_THAT(archived_job("77"), IsJson(R"({"jobId":"77", "status":"success"})"));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("archiving job: 77")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("archiving job: 77")));
 }
 
 TEST_F(ArchiveJobFile, ReplacesAJobOfThatIdThatWasArchivedEarlier) {
@@ -202,7 +190,7 @@ TEST_F(ArchiveJobFile, ReplacesAJobOfThatIdThatWasArchivedEarlier) {
 
     archive_job_file(json(R"({"jobId":"77"})"));
 
-    EXPECT_THAT(archived_jobs(), ElementsAre("77"));
+    EXPECT_THAT(archived_jobs(), ListIs("77"));
     EXPECT_THAT(archived_job("77"), IsJson(R"({"jobId":"77", "msg":"later"})"));
 }
 
@@ -217,8 +205,8 @@ TEST_F(ArchiveJobFile, DeletesTheOldArchiveThenRenamesThenDeletesTheMarker) {
 
     archive_job_file(json(R"({"jobId":"77"})"));
 
-    EXPECT_THAT(active_before_each_change, ElementsAre("/var/data/orv/vantrel_iot/jobs/archive/77 not moved",
-                                                       "/var/volatile/orv/FW_JOBID moved"));
+    EXPECT_THAT(active_before_each_change, ListIs("/var/data/orv/vantrel_iot/jobs/archive/77 not moved",
+                                                  "/var/volatile/orv/FW_JOBID moved"));
     EXPECT_EQ(calls_of({"syslog", "delete_file"}).front(), "syslog archiving job: 77");
 }
 
@@ -230,7 +218,7 @@ TEST_F(ArchiveJobFile, RemovesTheFirmwareMarkerOfAnotherJobToo) {
     archive_job_file(json(R"({"jobId":"77"})"));
 
     EXPECT_FALSE(exists(FW_JOBID));
-    EXPECT_THAT(active_jobs(), ElementsAre("fw-1"));
+    EXPECT_THAT(active_jobs(), ListIs("fw-1"));
 }
 
 TEST_F(ArchiveJobFile, GoesOnWhenThereIsNoJobFile) {
@@ -241,7 +229,7 @@ TEST_F(ArchiveJobFile, GoesOnWhenThereIsNoJobFile) {
 
     EXPECT_THAT(archived_jobs(), IsEmpty());
     EXPECT_FALSE(exists(FW_JOBID));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("archiving job: 77")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("archiving job: 77")));
 }
 
 TEST_F(ArchiveJobFile, GoesOnWhenTheOldArchiveCannotBeDeleted) {
@@ -305,8 +293,8 @@ TEST_F(DeleteJobFile, LeavesOtherJobsAndTheArchive) {
 
     delete_job_file("77");
 
-    EXPECT_THAT(active_jobs(), ElementsAre("78"));
-    EXPECT_THAT(archived_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("78"));
+    EXPECT_THAT(archived_jobs(), ListIs("77"));
 }
 
 class IsFwJob : public AgentTest {};
@@ -344,8 +332,8 @@ TEST_F(ActiveJob, IsMarkedByALinkAndKeptInACopy) {
               "/var/data/orv/vantrel_iot/jobs/active/77");
     EXPECT_THAT(file_json("/var/data/orv/ACTIVE_JOB"), IsJson(R"({"jobId":"77", "action":"CFG"})"));
     EXPECT_THAT(calls(),
-                ElementsAre("orvsys /bin/ln -s /var/data/orv/vantrel_iot/jobs/active/77 /var/run/ACTIVE_JOB",
-                            "copy_file /var/data/orv/vantrel_iot/jobs/active/77 /var/data/orv/ACTIVE_JOB"));
+                ListIs("orvsys /bin/ln -s /var/data/orv/vantrel_iot/jobs/active/77 /var/run/ACTIVE_JOB",
+                       "copy_file /var/data/orv/vantrel_iot/jobs/active/77 /var/data/orv/ACTIVE_JOB"));
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
@@ -378,7 +366,7 @@ TEST_F(ActiveJob, IsClearedByDeletingTheLinkAlone) {
 
     EXPECT_FALSE(exists("/var/run/ACTIVE_JOB"));
     EXPECT_TRUE(exists("/var/data/orv/ACTIVE_JOB"));
-    EXPECT_THAT(active_jobs(), ElementsAre("77"));
+    EXPECT_THAT(active_jobs(), ListIs("77"));
 }
 
 TEST_F(ActiveJob, HandsOnTheResultOfClearingIt) {

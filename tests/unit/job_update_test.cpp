@@ -6,7 +6,6 @@
 #include "jobs/markers.h"
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -65,9 +64,9 @@ TEST_F(JobUpdate, LogsThenClearsTheFlagThenReports) {
 
     EXPECT_EQ(log_lines().front(), (log_line{LOG_DEBUG, "set fw_put status 0"}));
     EXPECT_EQ(log_lines()[1], (log_line{LOG_NOTICE, "update_job_status: 77 success post_status: 1"}));
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/volatile/orv/FW_JOB_EXECUTING",
-                                     "write_json_file /var/data/orv/vantrel_iot/jobs/active/77",
-                                     "sync_to_fs 2", HasSubstr("send_message "), "sleep 2"));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/volatile/orv/FW_JOB_EXECUTING",
+                                "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                                HasSubstr("send_message "), "sleep 2"));
 }
 
 TEST_F(JobUpdate, OfAFailedFirmwareJobClearsTheFlagAndReportsTheUnchangedStatus) {
@@ -219,7 +218,7 @@ TEST_P(WrongTypeInUpdate, IsCaughtAndChangesNothing) {
 
     cloud_updates(GetParam());
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("job_update: exception handler")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("job_update: exception handler")));
     EXPECT_THAT(calls(), IsEmpty());
 }
 
@@ -258,8 +257,8 @@ TEST_F(JobUpdate, OfAConnectedCloudHandsThePassItsClient) {
 
     cloud_tells_all(R"({"connected":true})");
 
-    EXPECT_THAT(archived_jobs(), ElementsAre("1"));
-    EXPECT_THAT(published_topics(), ElementsAre("v1/device/cmd/checkin/apply"));
+    EXPECT_THAT(archived_jobs(), ListIs("1"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/cmd/checkin/apply"));
 }
 
 TEST_F(JobUpdate, OfAConnectedCloudRunsNoPassWhileAConfigurationIsApplied) {

@@ -99,8 +99,8 @@ TEST_F(MainLoop, KeepsTheOrderOfItsSteps) {
     passes(1);
 
     EXPECT_THAT(calls_of({"reconnect", "delete_file", "sysdb_namedb_write_int", "ping_watchdog", "sleep"}),
-                ElementsAre("reconnect", "delete_file /tmp/.active_job_count",
-                            "sysdb_namedb_write_int SYS SYS_JOB_COUNT 0", "ping_watchdog", "sleep 1"));
+                ListIs("reconnect", "delete_file /tmp/.active_job_count",
+                       "sysdb_namedb_write_int SYS SYS_JOB_COUNT 0", "ping_watchdog", "sleep 1"));
 }
 
 TEST_F(MainLoop, AnExceptionEndsThePass) {

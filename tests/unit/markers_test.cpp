@@ -67,8 +67,8 @@ TEST_P(BusyFlag, WhenSetHasItsMarkerAndNoOther) {
     flag.set(1);
 
     EXPECT_EQ(file_text(marker), "1\n");
-    EXPECT_THAT(names_in(MARKER_FOLDER), ElementsAre(flag.marker));
-    EXPECT_THAT(calls(), ElementsAre("orvsys echo 1 > " + marker));
+    EXPECT_THAT(names_in(MARKER_FOLDER), ListIs(flag.marker));
+    EXPECT_THAT(calls(), ListIs("orvsys echo 1 > " + marker));
     for (const auto &each : flags())
         EXPECT_EQ(each.is_set(), each.marker == flag.marker) << each.marker;
 }
@@ -80,7 +80,7 @@ TEST_P(BusyFlag, WhenClearedHasNoMarker) {
     flag.set(0);
 
     EXPECT_FALSE(exists(marker));
-    EXPECT_THAT(calls(), ElementsAre("delete_file " + marker));
+    EXPECT_THAT(calls(), ListIs("delete_file " + marker));
     for (const auto &each : flags())
         EXPECT_EQ(each.is_set(), each.marker != flag.marker) << each.marker;
 }
@@ -148,9 +148,9 @@ TEST_F(DevMgmtFlags, AreWrittenOneAfterTheOther) {
 
     EXPECT_EQ(file_text(DEV_MGMT), "a value\n");
     EXPECT_EQ(file_text(WD_MGMT), "a value\n");
-    EXPECT_THAT(calls(), ElementsAre("orvsys echo 'a value' > /var/volatile/orv/DEV_MGMT",
-                                     "orvsys echo 'a value' > /var/volatile/orv/WD_MGMT"));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("set dev mgmt flag files: a value")));
+    EXPECT_THAT(calls(), ListIs("orvsys echo 'a value' > /var/volatile/orv/DEV_MGMT",
+                                "orvsys echo 'a value' > /var/volatile/orv/WD_MGMT"));
+    EXPECT_THAT(log_lines(), ListIs(Debug("set dev mgmt flag files: a value")));
 }
 
 TEST_F(DevMgmtFlags, OfTheSecondValueAreNotCreated) {
@@ -159,7 +159,7 @@ TEST_F(DevMgmtFlags, OfTheSecondValueAreNotCreated) {
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_FALSE(exists(DEV_MGMT));
     EXPECT_FALSE(exists(WD_MGMT));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("set dev mgmt flag files: #FLAG_VALUE2")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("set dev mgmt flag files: #FLAG_VALUE2")));
 }
 
 TEST_F(DevMgmtFlags, OfTheSecondValueAreWrittenIntoTheFileThatExists) {
@@ -169,7 +169,7 @@ TEST_F(DevMgmtFlags, OfTheSecondValueAreWrittenIntoTheFileThatExists) {
         set_dev_mgmt_flags("#FLAG_VALUE2");
 
         EXPECT_EQ(file_text(path), "#FLAG_VALUE2\n");
-        EXPECT_THAT(calls(), ElementsAre("orvsys echo '#FLAG_VALUE2' > " + path));
+        EXPECT_THAT(calls(), ListIs("orvsys echo '#FLAG_VALUE2' > " + path));
         std::filesystem::remove(path);
     }
 }
@@ -197,7 +197,7 @@ TEST_F(DevMgmtFlags, GoOnAfterAFailure) {
     set_dev_mgmt_flags("v");
 
     EXPECT_EQ(file_text(WD_MGMT), "v\n");
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("set dev mgmt flag files: v")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("set dev mgmt flag files: v")));
 }
 
 class CellConnected : public AgentTest {};
@@ -236,9 +236,9 @@ TEST_F(CurrentPartition, IsTheRootDeviceThatTheCommandLeavesBehind) {
 
     EXPECT_STREQ(buffer, "/dev/mmcblk0p2");
     EXPECT_THAT(calls_of({"orvsys", "read_var_file"}),
-                ElementsAre("orvsys /bin/cat /proc/cmdline|awk -F'root=' '{print $2}'|awk '{print $1'} > "
-                            "/tmp/.current_part",
-                            "read_var_file /tmp/.current_part"));
+                ListIs("orvsys /bin/cat /proc/cmdline|awk -F'root=' '{print $2}'|awk '{print $1'} > "
+                       "/tmp/.current_part",
+                       "read_var_file /tmp/.current_part"));
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
@@ -248,7 +248,7 @@ TEST_F(CurrentPartition, ComesBackWithTheReadErrorAndALogLine) {
     EXPECT_EQ(get_current_partition(buffer), -7);
 
     EXPECT_STREQ(buffer, "untouched");
-    EXPECT_THAT(log_lines(), ElementsAre(Error("error querying current partition")));
+    EXPECT_THAT(log_lines(), ListIs(Error("error querying current partition")));
 }
 
 TEST_F(CurrentPartition, FailsWhenTheCommandLeavesNoFile) {
@@ -256,7 +256,7 @@ TEST_F(CurrentPartition, FailsWhenTheCommandLeavesNoFile) {
 
     EXPECT_NE(get_current_partition(buffer), 0);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Error("error querying current partition")));
+    EXPECT_THAT(log_lines(), ListIs(Error("error querying current partition")));
 }
 
 class Rootfs2 : public AgentTest {

@@ -5,7 +5,6 @@
 
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -16,7 +15,7 @@ protected:
         EXPECT_EQ(stage_upgrade_config(job), -1);
         EXPECT_EQ(job["status"], "failed");
         EXPECT_EQ(job["msg"], msg);
-        EXPECT_THAT(log_lines(), ElementsAre(Alert(msg)));
+        EXPECT_THAT(log_lines(), ListIs(Alert(msg)));
         EXPECT_THAT(published(), IsEmpty());
     }
 };
@@ -31,12 +30,12 @@ TEST_F(PostUpgrade, StagesTheConfigurationOfTheJobWithItsHash) {
     EXPECT_EQ(job, before_it);
     EXPECT_THAT(file_json(STAGED), IsJson(new_config()));
     EXPECT_EQ(file_text(STAGED_HASH), fakes::hash_of(json(new_config())));
-    EXPECT_THAT(log_lines(), ElementsAre(Alert("FW upgrade job: verified hash of staged config")));
+    EXPECT_THAT(log_lines(), ListIs(Alert("FW upgrade job: verified hash of staged config")));
     EXPECT_THAT(calls_of({"write_json_file", "calculate_and_write_config_hash", "read_hash"}),
-                ElementsAre("write_json_file /var/data/orv/config.staged",
-                            "calculate_and_write_config_hash /var/data/orv/config.staged "
-                            "/var/data/orv/config.staged.hash",
-                            "read_hash /var/data/orv/config.staged.hash"));
+                ListIs("write_json_file /var/data/orv/config.staged",
+                       "calculate_and_write_config_hash /var/data/orv/config.staged "
+                       "/var/data/orv/config.staged.hash",
+                       "read_hash /var/data/orv/config.staged.hash"));
 }
 
 TEST_F(PostUpgrade, WithoutParamsThereIsNothingToStage) {
@@ -121,13 +120,13 @@ TEST_F(PostUpgrade, TheCandidateIsPreparedBeforeItIsApplied) {
 
     verify_upgrade_config(client, job);
 
-    EXPECT_THAT(built, ElementsAre("true /var/volatile/config/config.new "));
+    EXPECT_THAT(built, ListIs("true /var/volatile/config/config.new "));
     std::vector<std::string> first = calls();
     first.resize(3);
     EXPECT_THAT(first,
-                ElementsAre("copy_file /var/data/orv/config.staged /var/volatile/config/config.new",
-                            "copy_file /var/data/orv/config.staged.hash /var/volatile/config/config.new.hash",
-                            "orvsys echo 1 > /var/volatile/orv/CONFIG_JOB_EXECUTING"));
+                ListIs("copy_file /var/data/orv/config.staged /var/volatile/config/config.new",
+                       "copy_file /var/data/orv/config.staged.hash /var/volatile/config/config.new.hash",
+                       "orvsys echo 1 > /var/volatile/orv/CONFIG_JOB_EXECUTING"));
 }
 
 TEST_F(PostUpgrade, AStagedConfigurationThatRunsAlreadyIsAppliedAllTheSame) {
@@ -182,14 +181,13 @@ TEST_F(PostUpgrade, TheEndStoresTheJobBeforeItClearsAndReboots) {
 
     finalise_fw_install(job, false);
 
-    EXPECT_THAT(calls(),
-                ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                            "delete_file /var/data/orv/config.staged",
-                            "delete_file /var/data/orv/config.staged.hash",
-                            "delete_file /var/data/orv/FIRMWARE_UPDATED", "request_reboot_blocking"));
+    EXPECT_THAT(calls(), ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                                "delete_file /var/data/orv/config.staged",
+                                "delete_file /var/data/orv/config.staged.hash",
+                                "delete_file /var/data/orv/FIRMWARE_UPDATED", "request_reboot_blocking"));
     EXPECT_THAT(log_lines(),
-                ElementsAre(Debug("write job file: 77"), Alert("finalise FW install, job status: success"),
-                            Alert("rebooting after successful FW upgrade")));
+                ListIs(Debug("write job file: 77"), Alert("finalise FW install, job status: success"),
+                       Alert("rebooting after successful FW upgrade")));
     EXPECT_EQ(active_job("77")["status"], "success");
     EXPECT_THAT(published(), IsEmpty());
     expect_nothing_staged();
@@ -200,7 +198,7 @@ TEST_F(PostUpgrade, TheEndOfARevertSwitchesThePartition) {
 
     finalise_fw_install(job, true);
 
-    EXPECT_THAT(reboots(), ElementsAre("switch_firmware_partition"));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
     EXPECT_EQ(calls().back(), "switch_firmware_partition");
     EXPECT_EQ(log_lines().back(), (log_line{LOG_ALERT, "finalise FW install, job status: failed"}));
     expect_nothing_staged();
@@ -212,10 +210,9 @@ TEST_F(PostUpgrade, AfterAMigrationItsMarkIsDeletedBeforeTheReboot) {
 
     reboot_after_fw_upgrade();
 
-    EXPECT_THAT(log_lines(),
-                ElementsAre(Alert("rebooting after successful FW upgrade and config migration")));
+    EXPECT_THAT(log_lines(), ListIs(Alert("rebooting after successful FW upgrade and config migration")));
     EXPECT_THAT(calls(),
-                ElementsAre("sync_to_fs 2", "delete_file /var/data/orv/MIGRATE", "request_reboot_blocking"));
+                ListIs("sync_to_fs 2", "delete_file /var/data/orv/MIGRATE", "request_reboot_blocking"));
     EXPECT_FALSE(exists("/var/data/orv/MIGRATE"));
 }
 
@@ -224,7 +221,7 @@ TEST_F(PostUpgrade, AMigrationWithoutItsMarkRebootsWithoutADeletion) {
 
     reboot_after_fw_upgrade();
 
-    EXPECT_THAT(calls(), ElementsAre("sync_to_fs 2", "request_reboot_blocking"));
+    EXPECT_THAT(calls(), ListIs("sync_to_fs 2", "request_reboot_blocking"));
 }
 
 TEST_F(PostUpgrade, WithoutAMigrationItsMarkStays) {
@@ -232,7 +229,7 @@ TEST_F(PostUpgrade, WithoutAMigrationItsMarkStays) {
 
     reboot_after_fw_upgrade();
 
-    EXPECT_THAT(log_lines(), ElementsAre(Alert("rebooting after successful FW upgrade")));
-    EXPECT_THAT(calls(), ElementsAre("request_reboot_blocking"));
+    EXPECT_THAT(log_lines(), ListIs(Alert("rebooting after successful FW upgrade")));
+    EXPECT_THAT(calls(), ListIs("request_reboot_blocking"));
     EXPECT_TRUE(exists("/var/data/orv/MIGRATE"));
 }

@@ -7,7 +7,6 @@
 #include <stdexcept>
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -32,7 +31,7 @@ TEST_F(RadioFirmware, StartsTheToolInTheBackground) {
     EXPECT_THAT(commands(), Contains("/usr/bin/qtel-dfota -i http://host/modem image -j 77 &"));
     EXPECT_THAT(commands(), Not(Contains(HasSubstr("orv-upgradefw"))));
     EXPECT_EQ(job["status"], "executed");
-    EXPECT_THAT(reported(), ElementsAre("executed"));
+    EXPECT_THAT(reported(), ListIs("executed"));
     EXPECT_FALSE(exists(FW_JOBID));
     EXPECT_FALSE(is_fw_job_executing());
 }
@@ -49,10 +48,10 @@ TEST_F(RadioFirmware, LogsAndMarksBeforeTheTool) {
 
     std::vector<std::string> order = calls_of({"syslog", "orvsys"});
     order.resize(4);
-    EXPECT_THAT(order, ElementsAre("syslog execute qtel dfota\n",
-                                   "orvsys echo 1 > /var/volatile/orv/RADIOFW_JOB_EXECUTING",
-                                   "syslog FW:execute qtel dfota: 77",
-                                   "orvsys /usr/bin/qtel-dfota -i http://host/modem image -j 77 &"));
+    EXPECT_THAT(order, ListIs("syslog execute qtel dfota\n",
+                              "orvsys echo 1 > /var/volatile/orv/RADIOFW_JOB_EXECUTING",
+                              "syslog FW:execute qtel dfota: 77",
+                              "orvsys /usr/bin/qtel-dfota -i http://host/modem image -j 77 &"));
     EXPECT_THAT(log_lines(), Contains(Debug("execute qtel dfota\n")));
     EXPECT_THAT(log_lines(), Contains(Alert("FW:execute qtel dfota: 77")));
 }
@@ -65,8 +64,8 @@ TEST_F(RadioFirmware, AnotherOneInProgressLeavesItAlone) {
     qtel_dfota(job);
 
     EXPECT_EQ(job, before_it);
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("execute qtel dfota\n"),
-                                         Debug("dfota job is already executing, not starting this one")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("execute qtel dfota\n"),
+                                    Debug("dfota job is already executing, not starting this one")));
     EXPECT_THAT(published(), IsEmpty());
     EXPECT_EQ(commands().size(), commands_before);
     EXPECT_TRUE(is_radiofw_job_executing());
@@ -81,7 +80,7 @@ TEST_F(RadioFirmware, AToolThatDoesNotStartFailsItAndClearsTheFlag) {
 
     EXPECT_EQ(job["status"], "failed");
     EXPECT_FALSE(job.isMember("msg"));
-    EXPECT_THAT(reported(), ElementsAre("failed"));
+    EXPECT_THAT(reported(), ListIs("failed"));
     EXPECT_FALSE(flag_at_the_report);
     EXPECT_FALSE(exists(RADIO_MARKER));
 }
@@ -97,7 +96,7 @@ TEST_F(RadioFirmware, WithoutAUrlItFailsAndIsStillTried) {
 
     execute_action_fw_install(job);
 
-    EXPECT_THAT(reported(), ElementsAre("failed", "executed"));
+    EXPECT_THAT(reported(), ListIs("failed", "executed"));
     EXPECT_THAT(commands(), Contains("/usr/bin/qtel-dfota -i  -j 77 &"));
 }
 

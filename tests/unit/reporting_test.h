@@ -4,7 +4,7 @@
 
 #include "tests/fakes/agent_test.h"
 
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 #include "jobs/job_status.h"
 
 class ReportingTest : public AgentTest {

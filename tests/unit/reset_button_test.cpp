@@ -1,7 +1,7 @@
 #include "tests/fakes/agent_test.h"
 
 #include "jobs/job_status.h"
-#include "jobs/reset_button.h"
+#include "jobs/manager/reset_button.h"
 
 #include <cstdio>
 #include <filesystem>
@@ -85,7 +85,7 @@ TEST_P(NoEvent, IsNeitherAcknowledgedNorLogged) {
     poll_reset_button();
 
     EXPECT_EQ(file_text(BUTTON), GetParam());
-    EXPECT_THAT(calls_of({"fopen"}), ElementsAre("fopen r"));
+    EXPECT_THAT(calls_of({"fopen"}), ListIs("fopen r"));
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_THAT(log_lines(), IsEmpty());
 }
@@ -131,8 +131,8 @@ TEST_P(Press, IsReadThenAcknowledgedThenLogged) {
     poll_reset_button();
 
     EXPECT_THAT(calls_of({"fopen", "syslog"}),
-                ElementsAre("fopen r", "fopen w", std::string("syslog ") + GetParam().log_text));
-    EXPECT_THAT(log_lines(), ElementsAre(Alert(GetParam().log_text)));
+                ListIs("fopen r", "fopen w", std::string("syslog ") + GetParam().log_text));
+    EXPECT_THAT(log_lines(), ListIs(Alert(GetParam().log_text)));
 }
 
 TEST_P(Press, EndsInOneReboot) {
@@ -140,7 +140,7 @@ TEST_P(Press, EndsInOneReboot) {
 
     poll_reset_button();
 
-    EXPECT_THAT(reboots(), ElementsAre("stop_watchdog_and_force_hw_reboot_blocking"));
+    EXPECT_THAT(reboots(), ListIs("stop_watchdog_and_force_hw_reboot_blocking"));
     EXPECT_EQ(calls().back(), "stop_watchdog_and_force_hw_reboot_blocking");
     EXPECT_TRUE(mutex_is_free());
 }
@@ -161,7 +161,7 @@ TEST_P(Press, IsCarriedOutWhenItCannotBeAcknowledged) {
     poll_reset_button();
 
     EXPECT_EQ(file_text(BUTTON), GetParam().event);
-    EXPECT_THAT(reboots(), ElementsAre("stop_watchdog_and_force_hw_reboot_blocking"));
+    EXPECT_THAT(reboots(), ListIs("stop_watchdog_and_force_hw_reboot_blocking"));
 }
 
 TEST_P(Press, IsCarriedOutWithoutAClient) {
@@ -170,7 +170,7 @@ TEST_P(Press, IsCarriedOutWithoutAClient) {
 
     poll_reset_button();
 
-    EXPECT_THAT(reboots(), ElementsAre("stop_watchdog_and_force_hw_reboot_blocking"));
+    EXPECT_THAT(reboots(), ListIs("stop_watchdog_and_force_hw_reboot_blocking"));
 }
 
 TEST_F(ResetButton, RebootsAtOnceOnAShortPressWithoutTheMessageMutex) {
@@ -180,7 +180,7 @@ TEST_F(ResetButton, RebootsAtOnceOnAShortPressWithoutTheMessageMutex) {
     poll_reset_button();
 
     EXPECT_THAT(seen, ElementsAre(Pair("stop_watchdog_and_force_hw_reboot_blocking", true)));
-    EXPECT_THAT(calls(), ElementsAre("stop_watchdog_and_force_hw_reboot_blocking"));
+    EXPECT_THAT(calls(), ListIs("stop_watchdog_and_force_hw_reboot_blocking"));
 }
 
 TEST_F(ResetButton, RestoresTheFailsafeConfigurationWithoutMessagesUntilTheReboot) {
@@ -200,11 +200,10 @@ TEST_F(ResetButton, RestoresTheFailsafeConfigurationEverySecondUntilItSucceeds) 
     poll_reset_button();
 
     EXPECT_THAT(calls(),
-                ElementsAre("restore_failsafe_files_to_nv", "sleep 1", "restore_failsafe_files_to_nv",
-                            "sleep 1", "restore_failsafe_files_to_nv", "sleep 1",
-                            "restore_failsafe_files_to_nv", "sync_to_fs 2",
-                            "stop_watchdog_and_force_hw_reboot_blocking"));
-    EXPECT_THAT(log_lines(), ElementsAre(Alert("Reset button detected:failsafe")));
+                ListIs("restore_failsafe_files_to_nv", "sleep 1", "restore_failsafe_files_to_nv", "sleep 1",
+                       "restore_failsafe_files_to_nv", "sleep 1", "restore_failsafe_files_to_nv",
+                       "sync_to_fs 2", "stop_watchdog_and_force_hw_reboot_blocking"));
+    EXPECT_THAT(log_lines(), ListIs(Alert("Reset button detected:failsafe")));
 }
 
 TEST_F(ResetButton, ResetsToFactoryWithoutMessagesUntilTheReboot) {
@@ -223,10 +222,10 @@ TEST_F(ResetButton, ResetsToFactoryEverySecondUntilItSucceeds) {
 
     poll_reset_button();
 
-    EXPECT_THAT(calls(), ElementsAre("cmd_factory_reset 1", "sleep 1", "cmd_factory_reset 1", "sleep 1",
-                                     "cmd_factory_reset 1", "sync_to_fs 2",
-                                     "stop_watchdog_and_force_hw_reboot_blocking"));
-    EXPECT_THAT(log_lines(), ElementsAre(Alert("Reset button detected:factory")));
+    EXPECT_THAT(calls(),
+                ListIs("cmd_factory_reset 1", "sleep 1", "cmd_factory_reset 1", "sleep 1",
+                       "cmd_factory_reset 1", "sync_to_fs 2", "stop_watchdog_and_force_hw_reboot_blocking"));
+    EXPECT_THAT(log_lines(), ListIs(Alert("Reset button detected:factory")));
 }
 
 TEST_F(ResetButton, RetriesForEverWithTheMessageMutexHeld) {

@@ -170,7 +170,7 @@ TEST_F(ResultsTransfer, GivesUpAConnectionAfter30SecondsAndAStallAfter60) {
 
 TEST_F(ResultsTransfer, HasAnEmptyExpectHeaderAlone) {
     post();
-    EXPECT_THAT(header_lines, ElementsAre("Expect:"));
+    EXPECT_THAT(header_lines, ListIs("Expect:"));
 }
 
 TEST_F(ResultsTransfer, CollectsTheAnswerInAnEmptyBuffer) {
@@ -193,7 +193,7 @@ TEST_F(ResultsTransfer, CleansUpTheHandleFirstAndTheAnswerLast) {
         return CURLE_OK;
     };
     post();
-    EXPECT_THAT(done, ElementsAre("init", "perform", "cleanup", "free form", "free headers", "free answer"));
+    EXPECT_THAT(done, ListIs("init", "perform", "cleanup", "free form", "free headers", "free answer"));
 }
 
 TEST_F(ResultsTransfer, ThatFailsIsLoggedAndCleanedUp) {
@@ -204,9 +204,9 @@ TEST_F(ResultsTransfer, ThatFailsIsLoggedAndCleanedUp) {
 
     EXPECT_EQ(post(), -1);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("post job results /tmp/output to http://cloud.test/"),
-                                         Debug("curl_easy_perform() failed: Timeout was reached\n")));
-    EXPECT_THAT(done, ElementsAre("init", "perform", "cleanup", "free form", "free headers", "free answer"));
+    EXPECT_THAT(log_lines(), ListIs(Notice("post job results /tmp/output to http://cloud.test/"),
+                                    Debug("curl_easy_perform() failed: Timeout was reached\n")));
+    EXPECT_THAT(done, ListIs("init", "perform", "cleanup", "free form", "free headers", "free answer"));
 }
 
 TEST_F(ResultsTransfer, FailsWithoutAHandleAndWithoutAnotherLine) {
@@ -214,7 +214,7 @@ TEST_F(ResultsTransfer, FailsWithoutAHandleAndWithoutAnotherLine) {
 
     EXPECT_EQ(post(), -1);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("post job results /tmp/output to http://cloud.test/")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("post job results /tmp/output to http://cloud.test/")));
     EXPECT_THAT(options, IsEmpty());
     EXPECT_EQ(done.front(), "init");
 }
@@ -260,6 +260,6 @@ TEST_F(WriteCallback, EndsTheTransferWithoutMemory) {
 
     EXPECT_EQ(buffer.data, nullptr);
     EXPECT_EQ(buffer.size, 3U);
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("not enough memory (realloc returned NULL)")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("not enough memory (realloc returned NULL)")));
     free(old);
 }

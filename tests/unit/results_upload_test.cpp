@@ -6,7 +6,6 @@
 
 #include <memory>
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -97,7 +96,7 @@ TEST_F(ResultsPost, LogsWhatGoesWhere) {
     post(server.url("/x"));
 
     EXPECT_THAT(log_lines(),
-                ElementsAre(Notice("post job results /tmp/cli_output_77.txt to " + server.url("/x"))));
+                ListIs(Notice("post job results /tmp/cli_output_77.txt to " + server.url("/x"))));
 }
 
 TEST_F(ResultsPost, TakesAnyAnswerForASuccess) {
@@ -119,8 +118,8 @@ TEST_F(ResultsPost, FailsWhenTheFileIsMissing) {
 
     EXPECT_EQ(post(server.url(), "/tmp/never_written.txt"), -1);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice(StartsWith("post job results /tmp/never_written.txt to ")),
-                                         Debug(StartsWith("curl_easy_perform() failed: "))));
+    EXPECT_THAT(log_lines(), ListIs(Notice(StartsWith("post job results /tmp/never_written.txt to ")),
+                                    Debug(StartsWith("curl_easy_perform() failed: "))));
 }
 
 TEST_F(ResultsPost, FailsWhenNobodyListens) {
@@ -132,8 +131,8 @@ TEST_F(ResultsPost, FailsWhenNobodyListens) {
 
     EXPECT_EQ(post(url), -1);
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("post job results /tmp/cli_output_77.txt to " + url),
-                                         Debug("curl_easy_perform() failed: Couldn't connect to server\n")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("post job results /tmp/cli_output_77.txt to " + url),
+                                    Debug("curl_easy_perform() failed: Couldn't connect to server\n")));
 }
 
 TEST_F(ResultsPost, FailsWhenTheConnectionEndsWithoutAnAnswer) {
@@ -231,8 +230,8 @@ TEST_F(ResultsUrl, FailsWithoutAToken) {
     EXPECT_EQ(get_results_base_url(url), -1);
 
     EXPECT_EQ(url, "");
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("no authtoken")));
-    EXPECT_THAT(calls_of({"get_device_token", "cmd_get_value_json"}), ElementsAre("get_device_token"));
+    EXPECT_THAT(log_lines(), ListIs(Notice("no authtoken")));
+    EXPECT_THAT(calls_of({"get_device_token", "cmd_get_value_json"}), ListIs("get_device_token"));
 }
 
 TEST_F(ResultsUrl, FailsSilentlyWithoutCloudSettings) {
@@ -244,7 +243,7 @@ TEST_F(ResultsUrl, FailsSilentlyWithoutCloudSettings) {
     EXPECT_EQ(url, "");
     EXPECT_THAT(log_lines(), IsEmpty());
     EXPECT_THAT(calls_of({"get_device_token", "cmd_get_value_json"}),
-                ElementsAre("get_device_token", "cmd_get_value_json iot.vantrel_iot"));
+                ListIs("get_device_token", "cmd_get_value_json iot.vantrel_iot"));
 }
 
 // --- what a job asks for
@@ -327,7 +326,7 @@ TEST_F(JobResults, AreNotPostedWithoutAToken) {
 
     post_for(R"({"jobId":"77", "msg":"as it was", "params":{"postResults":true}})");
 
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("no authtoken")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("no authtoken")));
     EXPECT_EQ(job["msg"], "as it was");
 }
 

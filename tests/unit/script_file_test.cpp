@@ -2,14 +2,17 @@
 
 #include "actions/script_file.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <memory>
+#include <thread>
 
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
 
@@ -21,6 +24,7 @@ constexpr const char *PID_FILE = "/var/volatile/orv/77.pid";
 // What stands in the place of the script file, when set.
 const char *opened_instead = nullptr;
 bool opened_unbuffered = false;
+std::function<void()> while_opening;
 
 size_t open_descriptors() {
     return names_in("/proc/self/fd").size();
@@ -32,6 +36,8 @@ extern "C" FILE *__real_fopen(const char *path, const char *mode);
 extern "C" FILE *__wrap_fopen(const char *path, const char *mode);
 
 extern "C" FILE *__wrap_fopen(const char *path, const char *mode) {
+    if (while_opening)
+        while_opening();
     FILE *file = __real_fopen(opened_instead != nullptr ? opened_instead : path, mode);
     if (file != nullptr && opened_unbuffered)
         setvbuf(file, nullptr, _IONBF, 0);
@@ -45,6 +51,7 @@ protected:
         unsetenv("TZ");
         opened_instead = nullptr;
         opened_unbuffered = false;
+        while_opening = nullptr;
     }
 
     int generate(const std::string &job_text) {
@@ -66,7 +73,7 @@ TEST_F(GenerateScript, NamesTheFileByIdAndLocalTimeWithoutZeros) {
     EXPECT_EQ(script_path, "/var/volatile/orv/42_9:5:7_3-3-2024");
     EXPECT_EQ(output_path, "/tmp/cli_output_42.txt");
     EXPECT_EQ(error, "");
-    EXPECT_THAT(names_in("/var/volatile/orv"), ElementsAre("42_9:5:7_3-3-2024"));
+    EXPECT_THAT(names_in("/var/volatile/orv"), ListIs("42_9:5:7_3-3-2024"));
 }
 
 TEST_F(GenerateScript, TakesTheTimeZoneThatIsInForceAtTheTime) {
@@ -112,10 +119,10 @@ TEST_F(GenerateScript, StoresThePathBeforeItTouchesTheFile) {
     generate(R"({"jobId":"77", "status":"executed", "params":{"script":"true"}})");
 
     EXPECT_THAT(calls_of({"syslog", "write_json_file", "sync_to_fs", "delete_file"}),
-                ElementsAre("syslog cli script file: /var/volatile/orv/77_22:13:20_11-14-2023",
-                            "syslog write job file: 77",
-                            "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                            "delete_file /var/volatile/orv/77_22:13:20_11-14-2023"));
+                ListIs("syslog cli script file: /var/volatile/orv/77_22:13:20_11-14-2023",
+                       "syslog write job file: 77",
+                       "write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                       "delete_file /var/volatile/orv/77_22:13:20_11-14-2023"));
     EXPECT_THAT(log_lines().front(), Notice("cli script file: " + std::string(SCRIPT)));
     EXPECT_THAT(job, HasMembers(R"({"script_file":"/var/volatile/orv/77_22:13:20_11-14-2023"})"));
     EXPECT_THAT(active_job("77"), IsJson(R"({"jobId":"77", "status":"executed", "params":{"script":"true"},
@@ -128,6 +135,40 @@ TEST_F(GenerateScript, GoesOnWhenThePathCannotBeStored) {
     EXPECT_EQ(generate(R"({"jobId":"77", "params":{"script":"true"}})"), 0);
 
     EXPECT_TRUE(exists(SCRIPT));
+}
+
+// A script may hold a passphrase; the files that other code makes keep the mask.
+TEST_F(GenerateScript, MakesTheFileForItsOwnerAlone) {
+    const mode_t mask = umask(022);
+    generate(R"({"jobId":"77", "params":{"script":"true"}})");
+    struct stat status {};
+    ASSERT_EQ(stat(SCRIPT, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, mode_t{0600});
+    EXPECT_EQ(umask(mask), mode_t{022});
+}
+
+// Another thread that looks at its mask just as the script file is made finds its own.
+TEST_F(GenerateScript, LeavesTheModesOfTheOtherThreadsFilesAlone) {
+    const mode_t mask = umask(022);
+    std::promise<void> opening;
+    std::promise<mode_t> seen;
+    std::thread other([&] {
+        opening.get_future().wait();
+        const mode_t meanwhile = umask(022);
+        umask(meanwhile);
+        seen.set_value(meanwhile);
+    });
+    mode_t seen_meanwhile = 0;
+    while_opening = [&] {
+        opening.set_value();
+        seen_meanwhile = seen.get_future().get();
+    };
+
+    generate(R"({"jobId":"77", "params":{"script":"true"}})");
+
+    other.join();
+    EXPECT_EQ(seen_meanwhile, mode_t{022});
+    EXPECT_EQ(umask(mask), mode_t{022});
 }
 
 TEST_F(GenerateScript, ReplacesAFileOfThatName) {
@@ -208,9 +249,9 @@ TEST_F(ClearScript, KillsTheScriptAndDeletesItsFiles) {
 
     clear(JOB);
 
-    EXPECT_THAT(calls(), ElementsAre("orvsys /bin/kill -9 4711", "delete_file /var/volatile/orv/77.pid",
-                                     "delete_file /var/volatile/orv/77_22:13:20_11-14-2023"));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("clear job cli script"), Debug("kill cmd script pid 4711")));
+    EXPECT_THAT(calls(), ListIs("orvsys /bin/kill -9 4711", "delete_file /var/volatile/orv/77.pid",
+                                "delete_file /var/volatile/orv/77_22:13:20_11-14-2023"));
+    EXPECT_THAT(log_lines(), ListIs(Debug("clear job cli script"), Debug("kill cmd script pid 4711")));
     EXPECT_THAT(names_in("/var/volatile/orv"), IsEmpty());
     EXPECT_EQ(file_text("/tmp/cli_output_77.txt"), "output");
 }
@@ -236,7 +277,7 @@ TEST_F(ClearScript, KillsNothingWithoutAPidFile) {
 
     EXPECT_THAT(commands(), IsEmpty());
     EXPECT_FALSE(exists(SCRIPT));
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("clear job cli script")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("clear job cli script")));
 }
 
 TEST_F(ClearScript, DeletesAPidFileThatItCannotRead) {
@@ -264,14 +305,14 @@ TEST_F(ClearScript, WithoutAJobIdDeletesTheScriptAlone) {
 
     clear(R"({"script_file":"/var/volatile/orv/77_22:13:20_11-14-2023"})");
 
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/volatile/orv/77_22:13:20_11-14-2023"));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/volatile/orv/77_22:13:20_11-14-2023"));
     EXPECT_TRUE(exists(PID_FILE));
 }
 
 TEST_F(ClearScript, WithoutAScriptFileDeletesThePidFileAlone) {
     clear(R"({"jobId":"77"})");
 
-    EXPECT_THAT(calls(), ElementsAre("delete_file /var/volatile/orv/77.pid"));
+    EXPECT_THAT(calls(), ListIs("delete_file /var/volatile/orv/77.pid"));
     EXPECT_TRUE(exists(SCRIPT));
 }
 
@@ -292,14 +333,14 @@ TEST_F(PayloadCommand, IsALineOfItsOwn) {
     EXPECT_TRUE(write("echo 100% %s"));
 
     EXPECT_EQ(file_text("/tmp/payload"), "echo 100% %s\n");
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("vantrel-iot command: [echo 100% %s]")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("vantrel-iot command: [echo 100% %s]")));
 }
 
 TEST_F(PayloadCommand, IsIgnoredWhenEmpty) {
     EXPECT_FALSE(write(""));
 
     EXPECT_EQ(file_text("/tmp/payload"), "");
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("ignoring empty command")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("ignoring empty command")));
 }
 
 TEST_F(PayloadCommand, IsCutAfter4095Characters) {
@@ -316,6 +357,6 @@ TEST_F(PayloadCommand, IsCutAfter4095Characters) {
 TEST_F(PayloadCommand, FailsWithTheReasonWhenItCannotBeWritten) {
     EXPECT_FALSE(write("true", "/dev/full"));
 
-    EXPECT_THAT(log_lines(), ElementsAre(Debug("vantrel-iot command: [true]"),
-                                         Notice("error writing to payload script: No space left on device")));
+    EXPECT_THAT(log_lines(), ListIs(Debug("vantrel-iot command: [true]"),
+                                    Notice("error writing to payload script: No space left on device")));
 }

@@ -2,11 +2,16 @@
 #include "tests/unit/command_job_fixture.h"
 
 #include "actions/command_job.h"
+#include "agent/acknowledgements.h"
 
+#include <cerrno>
 #include <filesystem>
+#include <system_error>
+
+#include <sys/mount.h>
+#include <unistd.h>
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -37,7 +42,7 @@ TEST_F(ScriptJob, ThatSucceedsIsReportedExecutedThenSuccess) {
 
     EXPECT_EQ(job["status"], "success");
     EXPECT_FALSE(job.isMember("msg"));
-    EXPECT_THAT(reported(), ElementsAre("executed", "success"));
+    EXPECT_THAT(reported(), ListIs("executed", "success"));
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"success", "ack":false, "fail_on_reboot":true,
                                     "script_file":"/var/volatile/orv/77_22:13:22_11-14-2023"})"));
     EXPECT_EQ(output(), "hello\n");
@@ -48,11 +53,11 @@ TEST_F(ScriptJob, LogsItsLife) {
     run("true");
 
     EXPECT_THAT(own_log_lines(),
-                ElementsAre(Notice("cli script file: /var/volatile/orv/77_22:13:22_11-14-2023"),
-                            Debug("max cmd job execution time is 600 secs"),
-                            Alert("CMD:execute cmd job script jobId: 77"),
-                            Notice("execute command job script rc:0"), Debug("clear job cli script"),
-                            Debug("execute_action_cli_script update_job_status success")));
+                ListIs(Notice("cli script file: /var/volatile/orv/77_22:13:22_11-14-2023"),
+                       Debug("max cmd job execution time is 600 secs"),
+                       Alert("CMD:execute cmd job script jobId: 77"),
+                       Notice("execute command job script rc:0"), Debug("clear job cli script"),
+                       Debug("execute_action_cli_script update_job_status success")));
 }
 
 TEST_F(ScriptJob, ThatFailsIsReportedExecutedThenFailed) {
@@ -60,7 +65,7 @@ TEST_F(ScriptJob, ThatFailsIsReportedExecutedThenFailed) {
 
     EXPECT_EQ(job["status"], "failed");
     EXPECT_FALSE(job.isMember("msg"));
-    EXPECT_THAT(reported(), ElementsAre("executed", "failed"));
+    EXPECT_THAT(reported(), ListIs("executed", "failed"));
     EXPECT_THAT(log_lines(), Contains(Notice("execute command job script rc:3")));
     EXPECT_THAT(log_lines().back(), Debug("execute_action_cli_script update_job_status failed"));
     EXPECT_EQ(output(), "before\n");
@@ -122,13 +127,25 @@ TEST_F(ScriptJob, IsStoredExecutedAndFailedByARebootBeforeItStarts) {
 
     EXPECT_THAT(stored, HasMembers(R"({"status":"executed", "fail_on_reboot":true,
                                        "script_file":"/var/volatile/orv/77_22:13:22_11-14-2023"})"));
-    EXPECT_THAT(reported_before, ElementsAre("executed"));
+    EXPECT_THAT(reported_before, ListIs("executed"));
+}
+
+TEST_F(ScriptJob, IsFailedByARebootFromItsFirstReportOn) {
+    std::vector<Json::Value> stored_at_reports;
+    fakes::before_change = [&](const fakes::call &next) {
+        if (next.function == "send_message")
+            stored_at_reports.push_back(active_job("77"));
+    };
+    run("true");
+
+    ASSERT_FALSE(stored_at_reports.empty());
+    EXPECT_THAT(stored_at_reports.front(), HasMembers(R"({"status":"executed", "fail_on_reboot":true})"));
 }
 
 TEST_F(ScriptJob, RunsUnderTheTimeLimit) {
     given_script_ends_with(0);
     run("true");
-    EXPECT_THAT(commands(), ElementsAre("timeout 600 /bin/sh /var/volatile/orv/77_22:13:22_11-14-2023"));
+    EXPECT_THAT(commands(), ListIs("timeout 600 /bin/sh /var/volatile/orv/77_22:13:22_11-14-2023"));
 }
 
 TEST_F(ScriptJob, FailsWhenItTimesOut) {
@@ -166,6 +183,36 @@ TEST_F(ScriptJob, IsReportedBeforeItIsCleanedUp) {
     EXPECT_EQ(order[6], "delete_file /var/volatile/orv/77_22:13:22_11-14-2023");
 }
 
+// --- ids
+
+TEST_F(ScriptJob, WithABlankInItsIdFailsWithoutRunning) {
+    job = script_job("echo ran > /tmp/ran");
+    job["jobId"] = "7 7";
+
+    execute_action_cmd(job);
+
+    const auto reports = published_on("v1/device/job/7 7/ack");
+    ASSERT_EQ(reports.size(), 2U);
+    EXPECT_EQ(reports[0].json["params"]["status"], "executed");
+    EXPECT_EQ(reports[1].json["params"]["status"], "failed");
+    EXPECT_FALSE(reports[1].json["params"].isMember("msg"));
+    EXPECT_FALSE(exists("/tmp/ran"));
+    EXPECT_FALSE(exists("/tmp/cli_output_7"));
+    EXPECT_FALSE(exists("/tmp/cli_output_7 7.txt"));
+}
+
+TEST_F(ScriptJob, RunsUnderAnIdOf200Characters) {
+    const std::string id(200, 'x');
+    job = script_job("echo $ACK_ID");
+    job["jobId"] = id;
+
+    execute_action_cmd(job);
+
+    EXPECT_EQ(job["status"], "success");
+    EXPECT_EQ(file_text("/tmp/cli_output_" + id + ".txt"), id + "\n");
+    EXPECT_THAT(active_job(id), HasMembers(R"({"status":"success"})"));
+}
+
 // --- refused
 
 TEST_F(ScriptJob, WithoutAnIdFailsWithoutAMsg) {
@@ -173,8 +220,8 @@ TEST_F(ScriptJob, WithoutAnIdFailsWithoutAMsg) {
     execute_action_cli_script(job);
 
     EXPECT_THAT(job, IsJson(R"({"params":{"script":"true"}, "msg":"as it was", "status":"failed"})"));
-    EXPECT_THAT(log_lines(), ElementsAre(Notice("job object must contain jobid and status"),
-                                         Debug("execute_action_cli_script update_job_status failed")));
+    EXPECT_THAT(log_lines(), ListIs(Notice("job object must contain jobid and status"),
+                                    Debug("execute_action_cli_script update_job_status failed")));
     EXPECT_THAT(calls(), IsEmpty());
 }
 
@@ -188,10 +235,9 @@ TEST_F(ScriptJob, WithoutAScriptFails) {
         EXPECT_THAT(job, HasMembers(R"({"status":"failed", "msg":"params.script property required"})"))
             << text;
         EXPECT_FALSE(job.isMember("fail_on_reboot"));
-        EXPECT_THAT(reported(), ElementsAre("failed"));
+        EXPECT_THAT(reported(), ListIs("failed"));
         EXPECT_THAT(commands(), IsEmpty());
-        EXPECT_THAT(own_log_lines(),
-                    ElementsAre(Debug("execute_action_cli_script update_job_status failed")));
+        EXPECT_THAT(own_log_lines(), ListIs(Debug("execute_action_cli_script update_job_status failed")));
     }
 }
 
@@ -201,12 +247,40 @@ TEST_F(ScriptJob, WhoseFileCannotBeWrittenStaysExecutedUnreported) {
 
     EXPECT_EQ(job["status"], "executed");
     EXPECT_FALSE(job.isMember("msg"));
-    EXPECT_THAT(reported(), ElementsAre("executed"));
+    EXPECT_THAT(reported(), ListIs("executed"));
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"executed", "fail_on_reboot":true})"));
     EXPECT_THAT(commands(), IsEmpty());
-    EXPECT_THAT(own_log_lines(),
-                ElementsAre(Notice("cli script file: /var/volatile/orv/77_22:13:22_11-14-2023"),
-                            Debug("execute_action_cli_script update_job_status executed")));
+    EXPECT_THAT(own_log_lines(), ListIs(Notice("cli script file: /var/volatile/orv/77_22:13:22_11-14-2023"),
+                                        Debug("execute_action_cli_script update_job_status executed")));
+}
+
+// The folder of the scripts as a file system of one page.
+class ScriptJobWithoutMemory : public ScriptJob {
+protected:
+    ScriptJobWithoutMemory() {
+        if (mount("tmpfs", FOLDER, "tmpfs", 0, "size=1") != 0) // rounded up
+            throw std::system_error(errno, std::generic_category(), FOLDER);
+    }
+    ~ScriptJobWithoutMemory() override { umount(FOLDER); }
+
+    static constexpr const char *FOLDER = "/var/volatile/orv";
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+};
+
+TEST_F(ScriptJobWithoutMemory, SucceedsWithoutRunning) {
+    write_text(std::string(FOLDER) + "/filler", std::string(page, 'x'));
+
+    run("echo ran > /tmp/ran");
+
+    EXPECT_THAT(reported(), ListIs("executed", "success"));
+    EXPECT_FALSE(exists("/tmp/ran"));
+}
+
+TEST_F(ScriptJobWithoutMemory, FailsBeforeItsFirstCommandWhenAPartWasWritten) {
+    run("echo ran > /tmp/ran\n" + std::string(2 * page, '#'));
+
+    EXPECT_THAT(reported(), ListIs("executed", "failed"));
+    EXPECT_FALSE(exists("/tmp/ran"));
 }
 
 // --- inside the command job
@@ -217,7 +291,7 @@ TEST_F(ScriptJob, IsSelectedInUpperAndInLowerCase) {
         job = script_job("true");
         job["value"] = value;
         execute_action_cmd(job);
-        EXPECT_THAT(reported(), ElementsAre("executed", "success")) << value;
+        EXPECT_THAT(reported(), ListIs("executed", "success")) << value;
     }
 }
 
@@ -245,7 +319,7 @@ TEST_F(ScriptJob, ThatIsNoTextFailsAsACommandJobThatThrows) {
     job["params"]["script"] = Json::Value(Json::objectValue);
     execute_action_cmd(job);
 
-    EXPECT_THAT(reported(), ElementsAre("executed", "failed"));
+    EXPECT_THAT(reported(), ListIs("executed", "failed"));
     EXPECT_THAT(log_lines().back(), Debug("execute cmd: exception handler"));
     EXPECT_THAT(calls(), Not(Contains(StartsWith("orvsys timeout"))));
     EXPECT_FALSE(exists(MARKER));
@@ -264,12 +338,31 @@ TEST_F(ScriptJob, ThatAsksForARebootStoresItsSuccessWaitsAndReboots) {
     EXPECT_THROW(run("true", R"({"reboot":true})"), fake_reboot);
 
     EXPECT_EQ(stored_at_the_reboot, "success");
-    EXPECT_THAT(reported(), ElementsAre("executed"));
+    EXPECT_THAT(reported(), ListIs("executed"));
     const auto all = calls();
     const std::vector<std::string> last(all.end() - 4, all.end());
-    EXPECT_THAT(last, ElementsAre("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
-                                  "sleep 8", "system /sbin/reboot -f"));
+    EXPECT_THAT(last, ListIs("write_json_file /var/data/orv/vantrel_iot/jobs/active/77", "sync_to_fs 2",
+                             "sleep 8", "system /sbin/reboot -f"));
     EXPECT_THAT(own_log_lines().back(), Info("reboot requested - delaying for 8 seconds"));
+}
+
+TEST_F(ScriptJob, ThatAsksForARebootStoresItsSuccessUnderTheSessionOfExecuted) {
+    answer_command("/sbin/reboot", [](const std::string &) {
+        throw fake_reboot{"reboot"};
+        return 0;
+    });
+    EXPECT_THROW(run("true", R"({"reboot":true})"), fake_reboot);
+    ASSERT_EQ(published().size(), 1U);
+    Json::Value answer;
+    answer["jobId"] = "77";
+    answer["session"] = published()[0].json["session"];
+    answer["rc"] = 200;
+    EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"success", "ack":false})"));
+    EXPECT_EQ(active_job("77")["ackId"], answer["session"]);
+
+    job_pub_ack(client, test_message("v1/device/job/77/pub_ack", answer.toStyledString()).get());
+
+    EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"success", "ack":true})"));
 }
 
 TEST_F(ScriptJob, IsCleanedUpWhenTheRebootFails) {
@@ -309,7 +402,7 @@ TEST_F(ScriptJob, WithAWishForARebootThatIsNoBoolFails) {
     job = script_job("true", R"({"reboot":"yes"})");
     execute_action_cmd(job);
 
-    EXPECT_THAT(reported(), ElementsAre("executed", "failed"));
+    EXPECT_THAT(reported(), ListIs("executed", "failed"));
     EXPECT_THAT(log_lines().back(), Debug("execute cmd: exception handler"));
 }
 
@@ -377,6 +470,5 @@ TEST_F(ScriptJob, DoesNotInheritTheLimitOfTheOneBefore) {
     run("# MAX JOB TIME 5");
     run("true");
 
-    EXPECT_THAT(commands(),
-                ElementsAre(StartsWith("timeout 5 /bin/sh "), StartsWith("timeout 600 /bin/sh ")));
+    EXPECT_THAT(commands(), ListIs(StartsWith("timeout 5 /bin/sh "), StartsWith("timeout 600 /bin/sh ")));
 }

@@ -56,7 +56,7 @@ TEST_F(ScriptJobUpload, HappensBeforeTheEndIsReported) {
     };
     run("true");
 
-    EXPECT_THAT(reported(), ElementsAre("executed", "success"));
+    EXPECT_THAT(reported(), ListIs("executed", "success"));
     EXPECT_THAT(uploads_at_report, ElementsAre(0U, 1U));
 }
 
@@ -98,7 +98,7 @@ TEST_F(ScriptJobUpload, HappensBeforeTheReboot) {
 TEST_F(ScriptJobUpload, AskedForByNoBoolFailsTheJob) {
     run("true", R"({"postResults":"yes"})");
 
-    EXPECT_THAT(reported(), ElementsAre("executed", "failed"));
+    EXPECT_THAT(reported(), ListIs("executed", "failed"));
     EXPECT_THAT(log_lines().back(), Debug("execute cmd: exception handler"));
 }
 
@@ -106,7 +106,7 @@ TEST_F(ScriptJobUpload, ToAPortThatIsNoNumberSendsNothing) {
     set_config("iot.vantrel_iot", R"({"protocol":"HTTP", "port":"80"})");
     run("true");
 
-    EXPECT_THAT(reported(), ElementsAre("executed", "success"));
+    EXPECT_THAT(reported(), ListIs("executed", "success"));
     EXPECT_FALSE(job.isMember("msg"));
     EXPECT_FALSE(exists(MARKER));
 }

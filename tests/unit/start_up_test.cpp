@@ -1,10 +1,10 @@
 // The process entry, run in a child process: it never returns. The job manager is this test's own.
 #include "tests/fakes/agent_test.h"
 
-#include "agent/tessard.h"
-#include "jobs/job_manager.h"
+#include "agent/client/tessard.h"
+#include "agent/start_up.h"
 #include "jobs/job_status.h"
-#include "tests/fakes/agent_entry.h"
+#include "jobs/manager/job_manager.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,7 +13,6 @@
 #include <thread>
 
 using testing::Each;
-using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsSupersetOf;
 using testing::SizeIs;
@@ -68,7 +67,7 @@ private:
             if (++slept == passes)
                 report_and_end();
         };
-        agent_main();
+        run_agent();
         _exit(1);
     }
 
@@ -93,13 +92,12 @@ TEST_F(StartUp, TakesItsStepsInOrderAndThenLoops) {
     const Json::Value seen = run_entry(2);
 
     EXPECT_THAT(texts(seen["journal"]),
-                ElementsAre("openlog iot", "syslog Starting tessard", "create_pidfile /var/run/tessard.pid",
-                            "start_mqtt_connection", "subscribe v1/device/job/+/apply",
-                            "subscribe v1/device/job/+/update", "subscribe v1/device/job/+/pub_ack",
-                            "subscribe v1/device/cmd/+/apply", "subscribe v1/device/cmd/+/ack",
-                            "subscribe v1/device/iot/job/update",
-                            "subscribe v1/device/cmd/config/abort/apply", "ping_watchdog", "sleep 1",
-                            "sleep 1"));
+                ListIs("openlog iot", "syslog Starting tessard", "create_pidfile /var/run/tessard.pid",
+                       "start_mqtt_connection", "subscribe v1/device/job/+/apply",
+                       "subscribe v1/device/job/+/update", "subscribe v1/device/job/+/pub_ack",
+                       "subscribe v1/device/cmd/+/apply", "subscribe v1/device/cmd/+/ack",
+                       "subscribe v1/device/iot/job/update", "subscribe v1/device/cmd/config/abort/apply",
+                       "ping_watchdog", "sleep 1", "sleep 1"));
     EXPECT_THAT(seen, HasMembers(R"({"log_is_local0_without_options": true, "log_is_notice": true})"));
 }
 

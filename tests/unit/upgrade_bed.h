@@ -5,7 +5,6 @@
 
 #include "jobs/job_store.h"
 
-#include <future>
 #include <mutex>
 
 constexpr const char *UPDATED = "/var/data/orv/FIRMWARE_UPDATED";
@@ -40,14 +39,5 @@ protected:
     static void expect_nothing_staged() {
         for (const char *path : {STAGED, STAGED_HASH, UPDATED})
             EXPECT_FALSE(exists(path)) << path;
-    }
-
-    static bool free_for_another_thread(std::mutex &mutex) {
-        return std::async(std::launch::async,
-                          [&] {
-                              const std::unique_lock lock(mutex, std::try_to_lock);
-                              return lock.owns_lock();
-                          })
-            .get();
     }
 };
