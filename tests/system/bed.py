@@ -9,6 +9,8 @@ ARCHIVE = "/var/data/orv/vantrel_iot/jobs/archive"
 TOPICS = ["v1/device/job/+/apply", "v1/device/job/+/update", "v1/device/job/+/pub_ack",
           "v1/device/cmd/+/apply", "v1/device/cmd/+/ack", "v1/device/iot/job/update",
           "v1/device/cmd/config/abort/apply"]
+# A script that runs until a test lets it go on.
+HELD = "while [ ! -e /tmp/go ]; do sleep 1; done"
 # Bound of every wait that has no reason for another: this machine may be busy.
 PATIENCE = 30
 
@@ -52,10 +54,18 @@ class TestRouter(Router):
     def agent_pid(self):
         return int(self.run("cat /run/agent"))
 
+    def let_go(self):
+        """What is HELD goes on."""
+        self.run("touch /tmp/go")
+
+    def end_agent(self):
+        """At once; where that reboots the router, the command does not come back either."""
+        self.run(f"kill -9 {self.agent_pid()}", check=False)
+
     def kill_agent(self):
         """Returns when supervision has started the next one."""
         before = self.agent_pid()
-        self.run(f"kill -9 {before}")
+        self.end_agent()
         self.wait_until(lambda: self.agent_pid() != before, PATIENCE, "another agent")
 
     def wait_connected(self, times=1):

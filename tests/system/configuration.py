@@ -21,7 +21,6 @@ def change(router, path=RUNNING, **values):
     write(router, changed(read(router, path), **values), path)
 
 
-APPLY_STATUS = "/var/volatile/config/apply.status"
 # An apply and its verification, in fast time.
 LONG = 60
 
@@ -47,16 +46,23 @@ def request(cloud):
     cloud.publish("v1/device/cmd/config/apply", {"source": "test"})
 
 
+def apply_events(router):
+    """Those of the latest apply that has begun since the test last booted the router."""
+    events = [event for event in router.events()[router.acted:]
+              if event["kind"] in ("apply-begin", "progress", "apply-end")]
+    begun = [i for i, event in enumerate(events) if event["kind"] == "apply-begin"]
+    return events[begun[-1]:] if begun else events
+
+
 def progress(router):
     """The progress texts of this apply so far."""
-    text = router.text(APPLY_STATUS)
-    return [entry["text"] for entry in json.loads(text)["history"]] if text else []
+    return [event["text"] for event in apply_events(router) if event["kind"] != "apply-end"]
 
 
 def times(router):
     """When each progress text was first told, in the router's time."""
-    entries = json.loads(router.text(APPLY_STATUS))["history"]
-    return {entry["text"]: entry["time"] for entry in reversed(entries)}
+    told = [event for event in apply_events(router) if event["kind"] != "apply-end"]
+    return {event["text"]: event["time"] for event in reversed(told)}
 
 
 def wait_for_progress(router, text, seconds=LONG):
@@ -66,8 +72,7 @@ def wait_for_progress(router, text, seconds=LONG):
 def wait_for_end(router, seconds=LONG):
     """Until no apply is in progress any more; for those that have begun."""
     def ended():
-        text = router.text(APPLY_STATUS)
-        return text and not json.loads(text)["in_progress"]
+        return [event["kind"] for event in apply_events(router)][-1:] == ["apply-end"]
     router.wait_until(ended, seconds, "the end of the apply")
 
 

@@ -19,11 +19,13 @@ from cloud.file_server import FileServer  # noqa: E402
 from cloud.service import Service, socket_of  # noqa: E402
 from cloud.upload_server import UploadServer  # noqa: E402
 from router.virtual.client import NoNamespaces, check_namespaces  # noqa: E402
+from router.virtual.events import told  # noqa: E402
 from router.virtual.network import CLOUD_ADDRESS, CLOUD_NAME  # noqa: E402
 
 BUILD = Path(os.environ.get("TESSARD_BUILD", TREE / "build/debug"))
 STATES = BUILD / "system"
 SKIP = 77
+LINES = 40      # of each kind that a failed test shows
 
 
 def pytest_configure(config):
@@ -32,8 +34,8 @@ def pytest_configure(config):
 
 def pytest_sessionfinish(session, exitstatus):
     """A session of nothing but skips must not look like success."""
-    reporter = session.config.pluginmanager.get_plugin("terminalreporter")
-    if exitstatus == 0 and reporter.stats.get("skipped") and not reporter.stats.get("passed"):
+    reporter = session.config.pluginmanager.get_plugin("terminalreporter")  # none in a process that runs a share
+    if reporter and exitstatus == 0 and reporter.stats.get("skipped") and not reporter.stats.get("passed"):
         session.exitstatus = SKIP
 
 
@@ -44,8 +46,16 @@ def pytest_runtest_makereport(item, call):
     if report.failed:
         item.test_failed = True
         for router in getattr(item, "routers", []):
-            report.sections.append((f"log of {router.name}", router.log()))
-            report.sections.append((f"console of {router.name}", router.console()))
+            report.sections += last_lines(router)
+
+
+def last_lines(router):
+    """What a failed test shows of its router: all of it stays in the state folder."""
+    logs = router.state / "log"
+    for name, lines in (("events", [told(event) for event in router.events()]), ("log", router.log().splitlines()),
+                        ("console", router.console().splitlines())):
+        where = logs.parent if name == "events" else logs
+        yield f"the last {name} of {router.name}; all: {where}", "\n".join(lines[-LINES:])
 
 
 @pytest.fixture
@@ -56,7 +66,7 @@ def make_router(request):
     except NoNamespaces as error:
         pytest.skip(str(error))
     request.node.routers = []
-    root = STATES / request.node.name
+    root = STATES / request.node.path.stem / request.node.name
 
     def make(name="router", boot=True, speed=10, **options):
         router = TestRouter(name, root)

@@ -1,6 +1,6 @@
 """Configurations from the cloud and from the router itself: checked, applied by real services, committed."""
 import configuration
-from bed import PATIENCE
+from bed import HELD, PATIENCE
 from configuration import LONG
 
 NO_FAILSAFE = "config apply has failsafe disabled"
@@ -156,7 +156,8 @@ def test_with_auto_mode_the_failsafe_copy_is_the_configuration_before(router, cl
 def test_without_auto_mode_the_first_failsafe_copy_stays(router, cloud):
     before = configuration.read(router)
     for location in ("first", "second"):
-        configuration.send(router, cloud, location, system__general__location=location, system__failsafe__auto_mode=False)
+        configuration.send(router, cloud, location, system__general__location=location,
+                           system__failsafe__auto_mode=False)
         cloud.wait_for_status(location, "success", LONG)
         assert configuration.read(router, configuration.FAILSAFE) == before
     assert ("failsafe config already exists and auto failsafe disabled, using existing failsafe config"
@@ -177,11 +178,12 @@ def test_the_cell_is_waited_for(router, cloud):
 
 def test_an_agent_that_is_busy_delays_a_request(router, cloud):
     router.run("vtrcfg set system.general.location Depot")
-    cloud.send_script("busy", "sleep 20\n")
+    cloud.send_script("busy", HELD)
     router.wait_until(lambda: router.live("/var/volatile/orv/FW_JOBID").exists(), PATIENCE, "the script")
     router.run("vtrcfg request")
     configuration.wait_for_progress(
         router, "a job is currently in progress, the config change will be delayed until current job completes")
     assert "validating config" not in configuration.progress(router)
+    router.let_go()
     configuration.wait_for_progress(router, "failsafe config verified")
     assert cloud.statuses("busy")[-1:] == ["success"]

@@ -100,8 +100,7 @@ def start_local_upgrade(router, files, image, **values):
 
 
 def accepted(router, boots):
-    router.wait_until(lambda: router.status()["state"] == "up" and router.boots() == boots, LONG,
-                      "the boot after the verification")
+    router.wait_for_event("up", LONG, boot=boots)
 
 
 def test_a_local_upgrade_carries_the_configuration_over(router, files):

@@ -129,7 +129,8 @@ def test_a_device_that_takes_no_upgrades(router, cloud):
 
 def test_versions_are_compared_by_their_numbers(router):
     def is_older_or_same(one, other):
-        return "yes" in router.run(f". /usr/lib/router/firmware.sh; is_older_or_same {one} {other} && echo yes", check=False)
+        return "yes" in router.run(f". /usr/lib/router/firmware.sh; is_older_or_same {one} {other} && echo yes",
+                                   check=False)
     assert is_older_or_same("1.9.0", "1.10.0") and not is_older_or_same("1.10.0", "1.9.0")
     assert is_older_or_same("1.2.3", "1.2.3")
     assert is_older_or_same("9.0.0", "10.0.0") and not is_older_or_same("1.0.10", "1.0.9")

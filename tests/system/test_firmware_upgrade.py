@@ -115,9 +115,11 @@ def test_a_migrating_upgrade_reboots_migrated(router, cloud, files):
 
 def test_a_power_cut_while_the_image_is_written_leaves_the_old_firmware(router, cloud, files):
     cfg = configuration.read(router)
+    router.fault("orv-upgradefw", "wait-in-install 1000")
     send(router, cloud, firmware.job(files, firmware.image(), cfg))
     installing = "orv-upgradefw installs 1.1.0 into slot 2"
     router.wait_until(lambda: installing in map(str, router.journal()), PATIENCE, "the installation")
+    router.fault("orv-upgradefw")
     router.power_cut()
     assert firmware.wait_for_archived(router)["status"] == "failed"
     assert firmware.running(router) == ("1.0.0", "1")
@@ -153,20 +155,25 @@ def test_a_power_cut_during_the_verification_begins_it_anew(router, cloud, files
 
 
 def test_a_job_that_waits_is_run_by_the_new_firmware(router, cloud, files):
-    router.fault("orv-upgradefw", "slow 10")
+    router.fault("orv-upgradefw", "held until the other job is there")
     send(router, cloud, firmware.job(files, firmware.image(), configuration.read(router)))
     cloud.wait_for_status("fw", "executed")
     cloud.send_script("waits", "sysdb get SYS_FW_VER > /var/data/ran-under\n")
+    router.wait_for_log("write new job file: waits")
+    router.fault("orv-upgradefw")
     cloud.wait_for_status("waits", "success", LONG)
     assert router.run("cat /var/data/ran-under").strip() == "1.1.0"
-    assert sorted([firmware.wait_for_archived(router)["status"], firmware.wait_for_archived(router, "waits")["status"]]) == ["success", "success"]
+    ends = [firmware.wait_for_archived(router, job)["status"] for job in ("fw", "waits")]
+    assert ends == ["success", "success"]
 
 
 def test_a_job_that_waits_is_run_by_the_old_firmware_after_a_fall_back(router, cloud, files):
-    router.fault("orv-upgradefw", "slow 10")
+    router.fault("orv-upgradefw", "held until the other job is there")
     send(router, cloud, firmware.job(files, firmware.image("1.1.0", "config"), configuration.read(router)))
     cloud.wait_for_status("fw", "executed")
     cloud.send_script("waits", "sysdb get SYS_FW_VER > /var/data/ran-under\n")
+    router.wait_for_log("write new job file: waits")
+    router.fault("orv-upgradefw")
     cloud.wait_for_status("waits", "success", LONG)
     assert router.run("cat /var/data/ran-under").strip() == "1.0.0"
     assert firmware.wait_for_archived(router)["status"] == "failed"

@@ -3,7 +3,7 @@ import json
 import time
 
 import pytest
-from bed import ACTIVE, PATIENCE
+from bed import ACTIVE, HELD, PATIENCE
 
 from cloud.service import IGNORE, REFUSE, TWICE, Late
 
@@ -140,10 +140,11 @@ def test_a_doubled_acknowledgement_is_harmless(router, cloud):
 
 
 def test_a_job_delivered_twice_runs_once(router, cloud):
-    cloud.send_script("42", "echo ran >> /tmp/runs; sleep 20")
+    cloud.send_script("42", f"echo ran >> /tmp/runs; {HELD}")
     router.wait_until(lambda: router.run("cat /tmp/runs 2>/dev/null; true"), PATIENCE, "the script")
     cloud.send_script("42", "echo again >> /tmp/runs")
     router.wait_for_log("job 42 received from IOT already exists and is active")
+    router.let_go()
     wait_archived(router, "42")
     assert router.run("cat /tmp/runs") == "ran\n"
 

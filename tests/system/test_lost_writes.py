@@ -43,7 +43,7 @@ def test_the_disk_forgets_what_was_not_flushed(disk):
 
 @pytest.mark.parametrize("moment", [
     "write new job file: 42",               # stored
-    "CMD:execute cmd job script jobId: 42", # its script begins
+    "CMD:execute cmd job script jobId: 42",  # its script begins
     "execute command job script rc:0",      # it has ended, and nothing says so yet
     "send status update for job: 42 status: success",
 ])
@@ -63,5 +63,3 @@ def test_a_job_survives_a_cut_and_runs_once(disk, moment):
     assert (record["jobId"], record["ack"]) == ("42", True)
     assert record["status"] in ("success", "failed")
     assert router.run(f"ls {ACTIVE} /var/data/.tmp | grep -v :; true").split() == []
-
-

@@ -81,7 +81,8 @@ def test_children_of_a_killed_agent_die_with_it(router, cloud):
 @pytest.mark.parametrize("marker", ["CONFIG_JOB_EXECUTING", "FW_JOB_EXECUTING"])
 def test_an_agent_that_dies_in_mid_apply_reboots_the_router(router, marker):
     router.wait_connected()
-    router.run(f"echo 1 > /var/volatile/orv/{marker}; kill -9 {router.agent_pid()}")
+    router.run(f"echo 1 > /var/volatile/orv/{marker}")
+    router.end_agent()
     wait_for_boot_by_itself(router, 1)
     assert router.status()["last_end"] == "reboot"
 

@@ -61,7 +61,8 @@ def test_messages_that_lack_something_are_answered_so(router, cloud):
 
 
 def test_a_message_that_is_not_json_is_passed_over(router, cloud):
-    router.run("mosquitto_pub -t v1/device/cmd/filepull/apply -m nonsense; mosquitto_pub -t v1/device/cmd/filepull/apply -n")
+    router.run("mosquitto_pub -t v1/device/cmd/filepull/apply -m nonsense; "
+               "mosquitto_pub -t v1/device/cmd/filepull/apply -n")
     assert ask(router, cloud, "filepull", '{"session": 7}')["session"] == 7
 
 
@@ -141,10 +142,15 @@ def test_a_file_push_job(router, cloud, shelf):
 
 
 def test_a_file_pull_job_is_asked_for_again_until_the_cloud_ends_it(router, cloud, shelf):
+    """An answer of the service ends it too, when it bears the second of the job's report: none is given before."""
     shelf.files["/a.txt"] = b"text\n"
+    router.fault("file-transfer", "held until it was asked three times")
     cloud.send_job({"jobId": "pull", "action": "CMD", "value": "filepull",
                     "params": {"url": f"{SERVER}/a.txt", "filepath": "/var/data/a.txt"}})
-    answer = cloud.wait(lambda c: acks(c, "filepull")[2:], PATIENCE, "the third answer")[0]
+    cloud.wait(lambda c: [m.topic for m in c.messages].count("v1/device/cmd/filepull/apply") >= 3, PATIENCE,
+               "the third request")
+    router.fault("file-transfer")
+    answer = cloud.wait(lambda c: acks(c, "filepull"), PATIENCE, "the first answer")[0]
     assert (answer["jobId"], answer["rc"]) == ("pull", 200)
     assert router.run("cat /var/data/a.txt") == "text\n"
     session = cloud.wait_for_status("pull", "received").session

@@ -77,10 +77,15 @@ def test_mtu_metric_and_static_routes(router):
 
 
 def test_the_pulse_takes_the_ports_down_and_up(router):
-    router.run("ip monitor link >/tmp/links & echo $! >/tmp/monitor; sleep 1; cmd_netgen apply --pulse-ethernet;"
-               "sleep 1; kill $(cat /tmp/monitor)")
-    wan = [line for line in router.run("cat /tmp/links").splitlines() if "wan0" in line]
-    assert any("UP" not in line.split(">")[0].split(",") and "state DOWN" in line for line in wan)
+    router.run("ip monitor link >/tmp/links 2>&1 &")
+    router.wait_until(lambda: "wan0" in router.run("ip link set wan0 alias listening; cat /tmp/links"), PATIENCE,
+                      "the monitor to listen")
+    router.run("cmd_netgen apply --pulse-ethernet")
+
+    def went_down():
+        wan = [line for line in router.run("cat /tmp/links").splitlines() if "wan0" in line]
+        return any("UP" not in line.split(">")[0].split(",") and "state DOWN" in line for line in wan)
+    router.wait_until(went_down, PATIENCE, "the port to have been down")
     assert reaches(router, CLOUD_ADDRESS)
 
 
@@ -128,7 +133,8 @@ def test_the_firewall_really_filters(router):
 def test_forwards_and_masquerading_are_loaded(router):
     apply(router, "cmd_firewall apply", network__firewall__port_forwards=[
         {"name": "web", "enable": True, "interface": "wan", "protocol": "tcp", "port": 8080,
-         "to_address": "192.168.1.20", "to_port": 80}], network__firewall__policy={"input": "reject", "forward": "drop"})
+         "to_address": "192.168.1.20", "to_port": 80}],
+        network__firewall__policy={"input": "reject", "forward": "drop"})
     rules = router.run("nft list ruleset")
     assert 'iifname "wan0" tcp dport 8080 dnat to 192.168.1.20:80 comment "web"' in rules
     assert 'oifname "wan0" masquerade' in rules

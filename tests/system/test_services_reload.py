@@ -74,6 +74,16 @@ def test_the_modem_manager_outlives_whoever_reloaded_it(router):
     router.run(f"kill -0 {modem_manager(router)}")
 
 
+def test_a_reload_returns_when_the_modem_manager_stands_on_its_own(router):
+    """However long that takes: here a second until it has its session."""
+    former = modem_manager(router)
+    router.run("mkdir /tmp/late; printf '#!/bin/sh\\nsleep 1\\nexec /usr/bin/setsid \"$@\"\\n' >/tmp/late/setsid;"
+               "chmod +x /tmp/late/setsid")
+    router.run("/usr/bin/setsid sh -c 'PATH=/tmp/late:$PATH systemctl reload qtel-mgr; kill -9 -$$'", check=False)
+    assert modem_manager(router) != former
+    router.run(f"kill -0 {modem_manager(router)}")
+
+
 def test_a_cell_that_is_switched_off_is_not_connected(router):
     router.wait_until(lambda: cell_connected(router) == "0", PATIENCE, "the modem manager to say so")
 

@@ -1,6 +1,6 @@
 """Jobs that are cut short, and what is left of them when the router comes back."""
 import pytest
-from bed import ACTIVE, PATIENCE
+from bed import ACTIVE, HELD, PATIENCE
 from test_jobs import REPEAT, wait_archived
 
 INTERRUPTED = "job: 42 was interrupted by reboot, setting status to FAILED"
@@ -71,8 +71,9 @@ def test_a_final_status_that_waits_is_repeated_after_the_cut(router, cloud, cut)
 
 
 def test_a_status_waits_while_the_broker_is_away(router, cloud):
-    start_script(router, cloud, "sleep 60")
+    start_script(router, cloud, HELD)
     router.broker(False)
+    router.let_go()
     router.wait_until(lambda: router.active_job("42")["status"] == "success", PATIENCE, "the job to end")
     assert cloud.statuses("42")[-1:] != ["success"]
     router.broker(True)
@@ -115,17 +116,19 @@ def test_a_disk_that_fills_in_mid_script_keeps_the_record_whole(router, cloud):
 
 @pytest.mark.router(clock_at=10)
 def test_a_clock_that_steps_from_1970_lets_the_job_finish(router, cloud):
-    start_script(router, cloud, "sleep 30")
+    start_script(router, cloud, HELD)
     assert router.active_job("42")["timestamp"] < 10000
     router.clock(set=1795000000)
+    router.let_go()
     wait_archived(router, "42")
     assert router.archived_job("42")["status"] == "success"
     assert router.archived_job("42")["ackId"] >= 1795000000
 
 
 def test_a_clock_that_steps_back_delays_repeats_and_no_more(router, cloud):
-    start_script(router, cloud, "sleep 30")
+    start_script(router, cloud, HELD)
     router.clock(step=-60)
+    router.let_go()
     wait_archived(router, "42")
     assert router.archived_job("42")["status"] == "success"
 
