@@ -1,7 +1,7 @@
 // What any program with these three libraries and this rhythm costs, and no more: the measure for the idle
 // agent. Subscribes the same topics, sleeps the same second, lists the active jobs in a second thread every
 // third second, runs the same counting command on every 11th pass.
-#include "agent/topics.h"
+#include "agent/client/topics.h"
 
 #include <curl/curl.h>
 #include <json/json.h>

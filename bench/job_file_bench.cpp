@@ -1,10 +1,10 @@
 // A pass over finished, unacknowledged jobs, and the write of a job file, each beside the bare work that
 // it stands for. Quote the ratios of one run, not the times.
-#include "agent/tessard.h"
+#include "agent/client/tessard.h"
 #include "bench/bare_pass.h"
-#include "jobs/job_manager.h"
 #include "jobs/job_record.h"
 #include "jobs/job_store.h"
+#include "jobs/manager/job_manager.h"
 #include "platform/vantrel.h"
 #include "tests/fakes/private_root.h"
 
