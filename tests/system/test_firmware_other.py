@@ -18,6 +18,12 @@ def ended(router, job_id, rc):
     router.wait_until(lambda: text in [entry.text for entry in router.journal("qtel-dfota")], PATIENCE, text)
 
 
+def wait_for_the_next_message(router, cloud):
+    """By then the agent is done with those before it."""
+    cloud.publish("v1/device/iot/job/update", "")
+    router.wait_for_log("on_message: topic[v1/device/iot/job/update]")
+
+
 @pytest.fixture
 def modem_files(files):
     """A server that the modem's own tool fetches from: it has no token."""
@@ -43,6 +49,8 @@ def test_the_end_of_modem_firmware_is_taken_for_jobs_of_the_cloud_s_put(router, 
     cloud.send_job(modem_job())
     cloud.wait_for_status("modem", "executed")
     ended(router, "modem", 0)
+    router.wait_for_log("tessard job update message v1/device/job/modem/update")
+    wait_for_the_next_message(router, cloud)
     record = router.active_job("modem")
     assert record["status"] == "executed", "a report ends only a put"
     configuration.write(router, {**record, "action": "fw_put"}, f"{ACTIVE}/modem")

@@ -70,7 +70,9 @@ def test_a_command_of_the_cloud_s_side_takes_its_children_with_it(router):
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGKILL])
 def test_a_command_of_the_cloud_s_side_ends_with_its_caller(router, number):
     mark = f"8640{2 + number}"
-    caller = subprocess.Popen(command(router, "cloud-exec", "sh", "-c", f"sleep {mark}; true"))
+    # Whoever runs the tests in the background may have them ignore an interrupt.
+    caller = subprocess.Popen(["env", "--default-signal=INT",
+                               *command(router, "cloud-exec", "sh", "-c", f"sleep {mark}; true")])
     router.wait_until(lambda: running(f"sleep\0{mark}"), PATIENCE, "the command")
     caller.send_signal(number)
     caller.wait(PATIENCE)
