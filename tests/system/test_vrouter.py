@@ -1,4 +1,5 @@
 """The command line of the virtual router."""
+import os
 import signal
 import subprocess
 from pathlib import Path
@@ -62,20 +63,24 @@ def test_a_press_on_a_router_without_a_button_says_so(router):
 
 
 def test_a_command_of_the_cloud_s_side_takes_its_children_with_it(router):
-    done = vrouter(router, "cloud-exec", "--", "sh", "-c", "sleep 86401 & echo begun; exit 3")
+    mark = f"86401.{os.getpid()}"
+    done = vrouter(router, "cloud-exec", "--", "sh", "-c", f"sleep {mark} & echo begun; exit 3")
     assert (done.stdout, done.returncode) == ("begun\n", 3)
-    assert not running("sleep\00086401")
+    assert not running(f"sleep\0{mark}")
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGKILL])
 def test_a_command_of_the_cloud_s_side_ends_with_its_caller(router, number):
-    mark = f"8640{2 + number}"
+    mark = f"86400.{os.getpid()}{number:02}"     # no other run's on this machine
     # Whoever runs the tests in the background may have them ignore an interrupt.
     caller = subprocess.Popen(["env", "--default-signal=INT",
                                *command(router, "cloud-exec", "sh", "-c", f"sleep {mark}; true")])
     router.wait_until(lambda: running(f"sleep\0{mark}"), PATIENCE, "the command")
-    caller.send_signal(number)
-    caller.wait(PATIENCE)
+    try:
+        caller.send_signal(number)
+        caller.wait(PATIENCE)
+    finally:
+        caller.kill()
     router.wait_until(lambda: not running(f"sleep\0{mark}"), PATIENCE, "the command to end")
 
 
