@@ -84,8 +84,8 @@ def add_faults(commands):
     fault.add_argument("service", choices=FAULTY, metavar="SERVICE", help=", ".join(FAULTY))
     fault.add_argument("words", nargs="*", metavar="WORD",
                        help="slow SECONDS, held REASON, fail STATUS, or a word of its own")
-    clock = commands.add_parser("clock", help="step or set the agent's clock")
-    clock.add_argument("change", nargs="?", help="+SECONDS, -SECONDS or @SECONDS_SINCE_EPOCH")
+    clock = commands.add_parser("clock", help="step, set or speed up the agent's clock")
+    clock.add_argument("change", nargs="?", help="+SECONDS, -SECONDS, @SECONDS_SINCE_EPOCH or xSPEED")
 
 
 def show_status(router, as_json):
@@ -136,6 +136,8 @@ def change_clock(router, change):
         now = router.clock()
     elif change.startswith("@"):
         now = router.clock(set=float(change[1:]))
+    elif change.startswith("x"):
+        now = router.clock(pace=float(change[1:]))
     else:
         now = router.clock(step=float(change))
     print(time.strftime("%Y-%m-%d %H:%M:%S", time.gmtime(now)))

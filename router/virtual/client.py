@@ -166,7 +166,7 @@ class Router:
             self.run("while killall mosquitto 2>/dev/null; do usleep 20000; done", check=False)
 
     def clock(self, **change):
-        """step=SECONDS or set=SECONDS_SINCE_EPOCH; returns the router's time."""
+        """step=SECONDS, set=SECONDS_SINCE_EPOCH or pace=SPEED; returns the router's time."""
         return self.order(do="clock", **change)["now"]
 
     def press(self, how):

@@ -114,7 +114,7 @@ class Launcher:
             self.events.tell("slot", slot=self.slot, text=remark)
         self.trial = None
         if self.loader.on_trial():
-            self.trial = Deadline(trial_seconds(self.options.get("speed", 1)))
+            self.trial = Deadline(trial_seconds(self.clock.speed if self.clock else 1))
         (self.state / "etc/cmdline").write_text(f"console=ttyS0 root=/dev/slot{self.slot} ro quiet\n")
         self.make_memory()
         self.inside.boot_begins(self.state / "live/run/config-apply.events")
@@ -235,6 +235,9 @@ class Launcher:
             self.clock.step(request["step"])
         if "set" in request:
             self.clock.set(request["set"])
+        if "pace" in request:
+            self.clock.pace(request["pace"])
+            self.events.tell("clock", pace=request["pace"])
         if self.clock.stepped != before:
             self.events.tell("clock", step=round(self.clock.stepped - before, 3))
         return {"now": self.clock.now()}

@@ -1,6 +1,7 @@
 """The virtual router itself: power, slots, supervision, neighbours."""
 import os
 import subprocess
+import time
 
 import pytest
 from bed import PATIENCE, TOPICS
@@ -61,6 +62,23 @@ def test_the_clock_goes_on_through_a_reboot(router):
     before = router.clock()
     router.reboot()
     assert router.clock() > before
+
+
+def test_the_clock_takes_another_pace_without_a_step(router, cloud):
+    before, began = router.clock(), time.monotonic()
+    router.clock(pace=100)
+    faster = router.clock()
+    router.wait_until(lambda: router.clock() > faster + 200, PATIENCE, "200 seconds of the router")
+    assert router.clock() - faster > 50 * (time.monotonic() - began)
+    router.clock(pace=5)
+    cloud.send_script("1", "date +%s > /tmp/told")
+    session = cloud.wait_for_status("1", "executed").session
+    assert before + 200 < session <= router.clock()
+    router.wait_until(lambda: router.text("/tmp/told"), PATIENCE, "the script's time")
+    assert session <= int(router.text("/tmp/told")) <= router.clock()
+    now = router.clock()
+    router.reboot()
+    assert now < router.clock()
 
 
 def test_an_agent_that_dies_is_started_again(router):
