@@ -16,6 +16,7 @@ FOLDERS = {"active": f"{JOBS}/active", "archive": f"{JOBS}/archive", "marks": "/
 SETTLED = 3             # samples of a life in which the agent has yet to do everything once
 ENOUGH = 12             # of one life, to say that it climbs
 TOLERANCE = 1.10
+FIRST_DAY = 1.2         # until then nothing is old enough to be removed
 
 
 class FlashWatch:
@@ -71,8 +72,9 @@ def climbing(samples):
             if late > early * TOLERANCE:
                 yield f"{name} of agent {life}: {early:g} early, {late:g} late"
     if len(samples) >= ENOUGH:
-        for name in ("active", "marks", "tmp", "run"):
-            early, late = ends(samples, name)
+        aged = [row for row in samples if row["day"] >= FIRST_DAY]
+        for name in ("active", "marks", "tmp", "run") if len(aged) >= ENOUGH else ():
+            early, late = ends(aged, name)
             if late > early * TOLERANCE + 1:
                 yield f"files in {FOLDERS[name]}: {early:g} early, {late:g} late"
         early, late = writes_of_a_job(samples[:len(samples) // 2]), writes_of_a_job(samples[len(samples) // 2:])

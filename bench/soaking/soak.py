@@ -25,6 +25,7 @@ MARKS = ("/var/data/orv/config.new", "/var/data/orv/ACTIVE_JOB", "/var/data/orv/
 
 BUSY_PACE = 20          # the router's seconds in one of this machine's, while something is under way
 HOUR = 3600
+DAY = 24 * HOUR
 QUIET_WITHIN = 2 * HOUR     # of the router's time: a clock set back silences reports until it has caught up
 RESEND_AFTER = 60           # what is sent while the agent is away is lost, and has to be sent again
 DISK = "16m"
@@ -41,6 +42,7 @@ class Soak:
         self.cloud = self.files = self.uploads = None
         self.number = 0
         self.finished = 0       # jobs that were archived
+        self.sent = []          # (router's time, prefix of the jobs' names)
         self.broken = []
 
     # --- the players
@@ -115,6 +117,12 @@ class Soak:
         pid = self.text("/run/agent").strip()
         self.router.run(f"kill -9 {pid}", check=False)
 
+    def age(self):
+        """What the device's timers remove after a day: they go by the ages of files, which this machine's clock made."""
+        while self.sent and self.sent[0][0] < self.now() - DAY:
+            _, name = self.sent.pop(0)
+            self.router.run(f"rm -f /tmp/cli_output_{name}[.-]* /var/volatile/orv/{name}[_-]*", check=False)
+
     # --- one episode
 
     def episode(self):
@@ -125,6 +133,7 @@ class Soak:
         mishap = self.choose(MISHAPS)
         name = f"{errand.__name__}, {mishap.__name__}"
         before, life = self.config(), self.life()
+        self.sent += [(self.now(), job), (self.now(), f"probe-{self.number}")]
         try:
             sent = errand(self, job)
             if mishap is not nothing:
@@ -137,6 +146,7 @@ class Soak:
         found = [*self.wrong_jobs(sent, mishap), *self.wrong_configuration(sent, mishap, before),
                  *self.leftovers(), *self.wrong_life(sent, mishap, life)]
         self.broken += [f"{job} ({name}): {line}" for line in found]
+        self.age()
         return name
 
     def choose(self, weights):
