@@ -118,7 +118,7 @@ class Soak:
         self.router.run(f"kill -9 {pid}", check=False)
 
     def age(self):
-        """What the device's timers remove after a day: they go by the ages of files, which this machine's clock made."""
+        """What the device's timers remove after a day: they go by ages by this machine's clock."""
         while self.sent and self.sent[0][0] < self.now() - DAY:
             _, name = self.sent.pop(0)
             self.router.run(f"rm -f /tmp/cli_output_{name}[.-]* /var/volatile/orv/{name}[_-]*", check=False)
