@@ -58,5 +58,5 @@ bool nothing_was_installed_after(const Json::Value &job) {
         const Json::Value &ended = job[KEY_ACK_TS];
         return ended.isInt64() && seconds < ended.asInt64();
     }
-    return rest == " " + text_of(job, KEY_JOB_ID);
+    return rest.front() == ' ' && rest.substr(1) == text_of(job, KEY_JOB_ID);
 }
