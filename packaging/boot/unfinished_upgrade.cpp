@@ -187,9 +187,16 @@ void finish_installed(const firmware_jobs &firmware) {
         reopen(*cut);
 }
 
+// The agent was cut after the last of its marks, and before it had deleted the tool's.
+bool is_left_of_success(const firmware_jobs &firmware) {
+    return file_exists(MIGRATE_FILE) && firmware.installed_running(STATUS_SUCCESS, is_committed);
+}
+
 void finish_not_installed(const firmware_jobs &firmware) {
     if (is_on_trial(firmware.running) && firmware.installed_running(STATUS_EXECUTED, any_of_them)) {
         complete_marks(firmware.running);
+    } else if (is_left_of_success(firmware)) {
+        drop_marks_of_success(*firmware.installed_running(STATUS_SUCCESS, is_committed));
     } else if (file_exists(STAGED_CONFIG.config) || file_exists(STAGED_CONFIG.hash)) {
         syslog(LOG_NOTICE, "no firmware is installed for the staged configuration: it is deleted");
         delete_staged_files();

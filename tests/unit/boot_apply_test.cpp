@@ -213,6 +213,12 @@ TEST_F(UntoldFailure, IsStampedSoThatItIsTold) {
     EXPECT_THAT(calls().back(), testing::StrEq("sync_to_fs 2"));
 }
 
+TEST_F(UntoldFailure, IsToldWhateverItSaysOfItsAcknowledgement) {
+    given_active_job(R"({"jobId":"66", "status":"failed", "ack":true})"); // nobody can have answered it
+    boot();
+    EXPECT_THAT(active_job("66"), HasMembers(R"({"ack":false})"));
+}
+
 TEST_F(UntoldFailure, IsStampedOnce) {
     given_active_job(R"({"jobId":"66", "status":"failed", "ack":false})");
     boot();

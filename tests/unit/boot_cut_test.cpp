@@ -176,6 +176,14 @@ TEST_F(BootThatIsCut, AtASuccessfulUpgrade) {
     });
 }
 
+TEST_F(BootThatIsCut, AtAMigrationThatWasLeftOfASuccess) {
+    expect_the_same_end([] {
+        new_firmware_with("success");
+        given_saved(new_config());
+        unlink(UPDATED);
+    });
+}
+
 TEST_F(BootThatIsCut, AtASuccessThatWasNotCommitted) {
     expect_the_same_end([] { new_firmware_with("success"); });
 }

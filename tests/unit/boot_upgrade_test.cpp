@@ -53,6 +53,23 @@ TEST_F(SuccessfulUpgrade, LosesItsMarks) {
     EXPECT_THAT(reboots(), IsEmpty());
 }
 
+TEST_F(SuccessfulUpgrade, LosesTheMigrationThatWasLeftAfterTheMarks) {
+    for (const char *path : {UPDATED, STAGED, STAGED_HASH})
+        unlink(path);
+
+    boot();
+
+    EXPECT_FALSE(exists(MIGRATE));
+    EXPECT_THAT(log_lines(), ListIs(Notice("the upgrade of job 66 is a success: its marks are deleted")));
+}
+
+TEST_F(SuccessfulUpgrade, KeepsTheMigrationThatItStillNeeds) {
+    for (const char *path : {UPDATED, STAGED, STAGED_HASH})
+        unlink(path);
+    given_saved(old_config());
+    expect_boot_changes_nothing();
+}
+
 TEST_F(SuccessfulUpgrade, KeepsThemInTheFormerSlot) {
     given_running_slot(1);
     write_text(UPDATED, "1.1.0\n"); // of a tool that does not tell the slot
