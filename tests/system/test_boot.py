@@ -134,6 +134,15 @@ def test_a_firmware_that_was_installed_after_a_failure_that_waits_stays(router, 
     assert firmware.wait_for_archived(router)["status"] == "failed"
 
 
+def test_a_firmware_job_that_was_corrupt_is_told(router, cloud):
+    router.run(f"echo '{{' >{ACTIVE}/fw; echo 1 >{MARKS}/FIRMWARE_UPDATED")
+    router.wait_for_log("FW job corrupted, reverting to previous FW")
+    cloud.wait_for_status("fw", "failed", LONG)
+    wait_archived(router, "fw")
+    assert told(router) == ["job fw failed without a session: it gets one, and will be told"]
+    assert router.status()["slot"] == "2"
+
+
 # --- an upgrade whose tool was cut
 
 def cut_local_upgrade(router, files, fault):
