@@ -41,9 +41,5 @@ comparison compare_with_saved(const Json::Value &config) {
     const Json::Value saved = object_in(SAVED_CONFIG.config);
     if (!saved.isObject() || !config.isObject())
         return comparison::UNKNOWN;
-    const std::string saved_hash = config_hash(saved);
-    const std::string hash = config_hash(config);
-    if (saved_hash.empty() || hash.empty())
-        return comparison::UNKNOWN;
-    return saved_hash == hash ? comparison::SAME : comparison::OTHER;
+    return config_hash(saved) == config_hash(config) ? comparison::SAME : comparison::OTHER;
 }

@@ -3,6 +3,8 @@
 
 #include "config/boot_recovery.h"
 
+#include <stdexcept>
+
 #include <sys/stat.h>
 
 using testing::IsEmpty;
@@ -248,6 +250,45 @@ TEST_F(UntoldFailure, ThatCannotBeStoredIsSaid) {
     boot();
 
     EXPECT_THAT(log_lines(), testing::Contains(Error("job 66 cannot be stored")));
+}
+
+// --- what nobody foresaw
+
+class StepThatThrows : public BootTest {
+protected:
+    static void throws_at(const std::string &entry) {
+        before(entry, [] { throw std::runtime_error("unforeseen"); });
+    }
+};
+
+TEST_F(StepThatThrows, KeepsNoOtherFromBeingDone) {
+    given_cut_apply("failed");
+    given_active_job(R"({"jobId":"66", "status":"failed"})");
+    write_text(LOCAL, "1\n");
+    throws_at("delete_file /var/data/orv/FAILSAFE_TIMER");
+
+    boot();
+
+    EXPECT_THAT(log_lines(), testing::Contains(Error("finish_apply: exception handler")));
+    EXPECT_TRUE(active_job("66").isMember("ackId"));
+    EXPECT_FALSE(exists(LOCAL));
+}
+
+TEST_F(StepThatThrows, IsTold) {
+    write_text(LOCAL, "1\n");
+    throws_at("delete_file /var/data/orv/LOCAL_FW_UPGRADE");
+    boot();
+    EXPECT_THAT(log_lines(), testing::Contains(Error("finish_upgrade: exception handler")));
+
+    given_active_job(R"({"jobId":"66", "status":"failed"})");
+    throws_at("write_json_file");
+    boot();
+    EXPECT_THAT(log_lines(), testing::Contains(Error("stamp_untold_failures: exception handler")));
+
+    write_text(FW_JOBID, "66\n");
+    throws_at("delete_file /var/volatile/orv/FW_JOBID");
+    clear_what_a_kill_has_left();
+    EXPECT_THAT(log_lines(), testing::Contains(Error("clear_leftovers: exception handler")));
 }
 
 // --- a device with nothing to mend
