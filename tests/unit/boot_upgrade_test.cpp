@@ -63,6 +63,12 @@ TEST_F(SuccessfulUpgrade, LosesTheMigrationThatWasLeftAfterTheMarks) {
     EXPECT_THAT(log_lines(), ListIs(Notice("the upgrade of job 66 is a success: its marks are deleted")));
 }
 
+TEST_F(SuccessfulUpgrade, ThatWaitsForItsAcknowledgementAloneIsHealthy) {
+    for (const char *path : {UPDATED, STAGED, STAGED_HASH, MIGRATE})
+        unlink(path);
+    expect_boot_changes_nothing();
+}
+
 TEST_F(SuccessfulUpgrade, KeepsTheMigrationThatItStillNeeds) {
     for (const char *path : {UPDATED, STAGED, STAGED_HASH})
         unlink(path);
