@@ -55,23 +55,9 @@ int note_failure(int result, const char *text, std::vector<std::string> &notes) 
     return result;
 }
 
-// An apply is resumed from its job and its candidate. What is left of one without a readable job would
-// be taken for the candidate of the next job, and would refuse every request until then; a job without
-// its candidate has ended, or starts again by itself, and would be taken for the job of the next candidate.
-void forget_unfinished_apply(std::vector<std::string> &notes) {
-    if (!file_exists(STORED_NEW_CONFIG))
-        delete_file(STORED_ACTIVE_JOB);
-    if (is_readable(STORED_ACTIVE_JOB) || !(file_exists(STORED_NEW_CONFIG) || file_exists(FAILSAFE_TIMER)))
-        return;
-    delete_file(STORED_NEW_CONFIG);
-    delete_file(FAILSAFE_TIMER);
-    notes.push_back("an unfinished apply has no readable job: its candidate and its timer are deleted");
-}
-
 } // namespace
 
 int boot_configuration(std::vector<std::string> &notes) {
-    forget_unfinished_apply(notes);
     const std::string best = best_config(notes);
     if (best.empty()) {
         notes.push_back(std::string("there is no ") + STORED_CONFIG + ", and nothing to replace it by");

@@ -67,7 +67,7 @@ def faketime_library():
 
 def own_programs(build):
     """The programs of this tree that the image holds: {path inside: path in the build tree}."""
-    found = {"/usr/bin/tessard": build / "tessard"}
+    found = {"/usr/bin/tessard": build / "tessard", "/usr/sbin/tessard-boot": build / "packaging/boot/tessard-boot"}
     for path in sorted((build / "host").rglob("*")):
         if path.is_file() and os.access(path, os.X_OK) and path.suffix == "":
             found[f"/usr/bin/{path.name}"] = path

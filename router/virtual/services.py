@@ -43,6 +43,8 @@ FAULTS = {
     "fail": (str.isdigit, "STATUS", None),
     "connect": (lambda value: value == "never" or is_number(value), "SECONDS|never", ("qtel-mgr",)),
     "wait-in-install": (is_number, "SECONDS", ("orv-upgradefw",)),
+    "wait-before-switch": (is_number, "SECONDS", ("orv-upgradefw",)),
+    "wait-before-mark": (is_number, "SECONDS", ("orv-upgradefw",)),
     "wait-before-reboot": (is_number, "SECONDS", ("orv-upgradefw",)),
 }
 

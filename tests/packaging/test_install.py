@@ -7,11 +7,13 @@ from pathlib import Path
 
 from conftest import TREE
 
-AGENT = {"bin/tessard", "sbin/tessard-reserve", "sbin/tessard-clean-scripts", "lib/tmpfiles.d/tessard.conf",
-         "lib/systemd/system/tessard.service", "lib/systemd/system/var-volatile.mount",
+AGENT = {"bin/tessard", "sbin/tessard-boot", "sbin/tessard-reserve", "sbin/tessard-clean-scripts",
+         "lib/tmpfiles.d/tessard.conf", "lib/systemd/system/tessard.service",
+         "lib/systemd/system/tessard-boot.service", "lib/systemd/system/var-volatile.mount",
          "lib/systemd/system/tessard-housekeeping.service", "lib/systemd/system/tessard-housekeeping.timer"}
 HOST = {"bin/sysdb", "bin/vtrcfg", "share/vantrel/default-config.json"}
-UNITS = ["tessard.service", "var-volatile.mount", "tessard-housekeeping.service", "tessard-housekeeping.timer"]
+UNITS = ["tessard.service", "tessard-boot.service", "var-volatile.mount", "tessard-housekeeping.service",
+         "tessard-housekeeping.timer"]
 
 
 def files_below(folder):
@@ -29,7 +31,8 @@ def test_a_device_gets_the_agent_and_nothing_of_the_host(scratch, build):
     tree, root = scratch / "device", scratch / "root"
     subprocess.run(["cmake", "-S", TREE, "-B", tree, "-G", "Ninja", "-DTESSARD_PLATFORM=device",
                     "-DTESSARD_TESTS=OFF"], check=True, capture_output=True)
-    shutil.copy(build / "tessard", tree / "tessard")  # it cannot be linked here, without the maker's libraries
+    for program in ("tessard", "packaging/boot/tessard-boot"):
+        shutil.copy(build / program, tree / program)  # neither can be linked here, without the maker's libraries
     subprocess.run(["cmake", "--install", tree], env={**os.environ, "DESTDIR": str(root)}, check=True,
                    capture_output=True)
     assert files_below(root / "usr") == AGENT, "below /usr, without having been told"
@@ -50,7 +53,8 @@ def test_every_command_of_the_units_is_where_they_say(installed, prefix):
         text = (installed / prefix / "lib/systemd/system" / unit).read_text()
         named |= set(re.findall(r"^Exec\w+=-?(/\S+)", text, re.MULTILINE))
     own = {path for path in named if "tessard" in path}
-    assert {os.path.basename(path) for path in own} == {"tessard", "tessard-clean-scripts", "tessard-reserve"}
+    assert {os.path.basename(path) for path in own} == {
+        "tessard", "tessard-boot", "tessard-clean-scripts", "tessard-reserve"}
     for path in own:
         assert os.access(installed / path.lstrip("/"), os.X_OK), path
     assert named - own == {"/bin/sh"}

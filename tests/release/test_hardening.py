@@ -9,7 +9,7 @@ import pytest
 
 TREE = Path(__file__).resolve().parent.parent.parent
 BUILD = Path(os.environ.get("TESSARD_BUILD", TREE / "build/release"))
-PROGRAMS = ["tessard", "host/cmd/vtrcfg", "host/sysdb/sysdb"]
+PROGRAMS = ["tessard", "packaging/boot/tessard-boot", "host/cmd/vtrcfg", "host/sysdb/sysdb"]
 
 
 def readelf(option, program):

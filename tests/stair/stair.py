@@ -12,8 +12,8 @@ import sys
 from pathlib import Path
 
 # From the top down. Rooms on one floor do not use each other.
-AGENT = [["agent"], ["jobs/manager"], ["actions"], ["config"], ["actions/requests", "agent/requests"], ["jobs"],
-         ["agent/client"], ["platform"]]
+AGENT = [["agent"], ["jobs/manager"], ["actions", "packaging/boot"], ["config"],
+         ["actions/requests", "agent/requests"], ["jobs"], ["agent/client"], ["platform"]]
 HOST = [["host"], ["platform"]]
 DESK = [["desk"], ["cloud"], ["router"]]
 ROOMS = sorted({room for stair in (AGENT, HOST, DESK) for floor in stair for room in floor})

@@ -211,23 +211,10 @@ def test_a_critical_script_that_is_cut_runs_again_as_an_ordinary_one(router, clo
     assert router.archived_job("101")["status"] == "success"
 
 
-def test_a_kill_leaves_the_critical_mark_until_the_next_critical_job(router, cloud):
+def test_a_kill_leaves_no_critical_mark(router, cloud):
     start_critical(router, cloud)
-    router.kill_agent()
-    router.wait_connected(times=2)
-    let_go(router)
-    wait_archived(router, "101")
     assert router.text(CRITICAL_MARK) == "1\n"
-    cloud.send_script("102", CRITICAL + "true")
-    wait_archived(router, "102")
-    router.wait_until(lambda: router.text(CRITICAL_MARK) == "", PATIENCE, "the mark to go")
-
-
-def test_a_kill_leaves_the_critical_mark_until_the_next_boot(router, cloud):
-    start_critical(router, cloud)
     router.kill_agent()
-    assert router.text(CRITICAL_MARK) == "1\n"
-    router.reboot()
     assert router.text(CRITICAL_MARK) == ""
 
 

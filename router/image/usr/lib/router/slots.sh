@@ -4,6 +4,7 @@
 # /var/data/boot/trial   "SLOT TRIES": a slot that has not proved itself yet, and how many boots it has left
 #                        before the boot loader takes the other one. The first agent that stays alive for a
 #                        while takes the file away.
+# /var/data/boot/installed  "SECONDS JOB": when something was last installed, and for which job; "-" for none
 slots=/mnt/slots
 boot_files=/var/data/boot
 
@@ -42,6 +43,12 @@ try_slot() {
 write_boot_file() {
     echo "$2" >"$boot_files/.$1" && mv "$boot_files/.$1" "$boot_files/$1"
     flush $boot_files
+}
+
+# write_mark NAME TEXT: whole, and on the flash when this returns.
+write_mark() {
+    echo "$2" >"/var/data/orv/.$1" && mv "/var/data/orv/.$1" "/var/data/orv/$1"
+    flush /var/data/orv
 }
 
 confirm_slot() {

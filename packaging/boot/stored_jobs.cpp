@@ -1,0 +1,60 @@
+#include "packaging/boot/stored_jobs.h"
+
+#include "jobs/job_record.h"
+#include "jobs/job_store.h"
+#include "packaging/boot/files.h"
+#include "platform/vantrel.h"
+
+#include <ctime>
+
+#include <syslog.h>
+
+std::vector<Json::Value> stored_jobs() {
+    Json::Value names(Json::arrayValue);
+    get_active_job_list(names);
+    std::vector<Json::Value> jobs;
+    for (const Json::Value &name : names)
+        if (Json::Value job = stored_job(name.asString()); job.isObject())
+            jobs.push_back(std::move(job));
+    return jobs;
+}
+
+Json::Value stored_job(const std::string &job_id) {
+    Json::Value job = object_in(active_job_path(job_id).c_str());
+    if (text_of(job, KEY_JOB_ID) != job_id)
+        return {};
+    return job;
+}
+
+bool is_final(const Json::Value &job) {
+    const std::string status = text_of(job, KEY_STATUS);
+    return status == STATUS_SUCCESS || status == STATUS_FAILED;
+}
+
+bool is_firmware_job(const Json::Value &job) {
+    const std::string action = text_of(job, KEY_ACTION);
+    const bool firmware = action == ACTION_FW || action == ACTION_FW_LOWER || action == ACTION_FW_PUT ||
+                          action == ACTION_FW_PUT_LOWER;
+    return firmware && !is_true(job, KEY_RADIO);
+}
+
+void store_job(const Json::Value &job) {
+    const std::string job_id = job_id_of(job);
+    if (write_json_file(active_job_path(job_id).c_str(), job) != 0)
+        syslog(LOG_ERR, "job %s cannot be stored", job_id.c_str());
+    flush();
+}
+
+void stamp_untold_failures() {
+    for (Json::Value &job : stored_jobs()) {
+        if (text_of(job, KEY_STATUS) != STATUS_FAILED || job.isMember(KEY_ACK_ID))
+            continue;
+        const auto now = static_cast<Json::Int>(time(nullptr));
+        job[KEY_ACK] = false;
+        job[KEY_ACK_ID] = now;
+        job[KEY_ACK_TS] = now;
+        syslog(LOG_NOTICE, "job %s failed without a session: it gets one, and will be told",
+               job_id_of(job).c_str());
+        store_job(job);
+    }
+}
