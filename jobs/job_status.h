@@ -1,8 +1,9 @@
 // The status protocol: records a job's status, reports it to the cloud, repeats it until it is
-// acknowledged. Runs on both threads, without a lock of its own.
+// acknowledged. Runs on both threads.
 #pragma once
 
 #include "agent/client/tessard.h"
+#include "jobs/job_store.h"
 
 #include <atomic>
 
@@ -25,8 +26,12 @@ inline constexpr int STORE_ONLY = 0;
 // acknowledged, any other not) in the record and its file, and publishes it when post_status is not
 // zero, then waits 2 seconds. Called with the stored status again, it only repeats the report, at most every
 // 20 seconds in the whole process, while it is not acknowledged. "FAILSAFE_CONFIG" is never published.
-// Never throws.
+// Takes job_record_mutex from its look at the stored status to the end of the write. Never throws.
 void update_job_status(Json::Value &job, int post_status);
+
+// The same for a caller that has read the job file with job_record_mutex held. Releases it before the publish; a
+// call that publishes nothing may leave that to the caller.
+void update_job_status(Json::Value &job, int post_status, record_lock &record);
 
 // Publishes one report of the record's status when the cloud's host answers a ping; else nothing.
 // Throws Json::Exception on a record that is no object.

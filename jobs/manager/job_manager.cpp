@@ -86,7 +86,7 @@ void revert_lost_upgrade() {
 }
 
 // The cloud learns "failed" when a later pass finds the job finished and unacknowledged.
-void repair_job(const std::string &job_id, int32_t now, bool fw_pending) {
+void repair_job(const std::string &job_id, int32_t now, bool fw_pending, record_lock &record) {
     Json::Value job;
     job[KEY_JOB_ID] = job_id;
     job[KEY_STATUS] = STATUS_FAILED;
@@ -94,31 +94,42 @@ void repair_job(const std::string &job_id, int32_t now, bool fw_pending) {
     if (fw_pending) {
         syslog(LOG_ALERT, "FW job corrupted, reverting to previous FW");
         job[KEY_ACTION] = ACTION_FW;
+        record.unlock(); // it reboots
         finalise_fw_install(job, SWITCH_PARTITION);
         return;
     }
     syslog(LOG_ALERT, "repairing and failing corrupt or missing job %s", job_id.c_str());
     job[KEY_ACK_TS] = now;
     job[KEY_ACK_ID] = now;
-    write_job_file(job);
+    write_job_file(job, record);
+}
+
+bool repaired(const std::string &job_id, int32_t now, bool fw_pending) {
+    record_lock record(job_record_mutex);
+    if (check_job_file(job_id) == 0)
+        return false;
+    repair_job(job_id, now, fw_pending, record);
+    return true;
 }
 
 void process_job_list(tessard &client, const Json::Value &job_ids, bool fw_pending) {
     const auto now = static_cast<int32_t>(time(nullptr));
     for (const Json::Value &entry : job_ids) {
         const std::string job_id = entry.asString();
-        if (check_job_file(job_id) != 0) {
-            repair_job(job_id, now, fw_pending);
-        } else if (process_completed_job(client, job_id) != 0) {
+        if (repaired(job_id, now, fw_pending))
+            continue;
+        if (process_completed_job(client, job_id) != 0) {
             process_active_job(client, job_id);
             return;
         }
     }
 }
 
-void archive_and_check_in(tessard &client, const Json::Value &job, const std::string &job_id) {
+void archive_and_check_in(tessard &client, const Json::Value &job, const std::string &job_id,
+                          record_lock &record) {
     syslog(LOG_ALERT, "archiving job file %s", job_id.c_str());
-    archive_job_file(job);
+    archive_job_file(job, record);
+    record.unlock();
     if (job_id == ID_FAILSAFE_CONFIG)
         return;
     syslog(LOG_DEBUG, "job mgr initiating sequential IOT checkin");
@@ -214,6 +225,7 @@ int process_jobs(tessard &client) try {
 int process_completed_job(tessard &client, const std::string &job_id) try {
     const std::lock_guard lock(job_manager_mutex);
     syslog(LOG_NOTICE, "processing job: %s", job_id.c_str());
+    record_lock record(job_record_mutex);
     Json::Value job;
     if (read_json_file(active_job_path(job_id).c_str(), job) != 0)
         return 1;
@@ -229,10 +241,10 @@ int process_completed_job(tessard &client, const std::string &job_id) try {
 
     const bool archived_unacknowledged = job_id == ID_FAILSAFE_CONFIG || job_id == ID_POST_CONFIG;
     if (!archived_unacknowledged && !job.get(KEY_ACK, false).asBool()) {
-        update_job_status(job, POST_STATUS);
+        update_job_status(job, POST_STATUS, record);
         return 0;
     }
-    archive_and_check_in(client, job, job_id);
+    archive_and_check_in(client, job, job_id, record);
     return 0;
 } catch (...) {
     syslog(LOG_NOTICE, "%s: exception handler", "process_completed_job");
