@@ -205,8 +205,10 @@ TEST_F(UpdateJobStatus, WithoutACloudAddressLeavesTheStatusUnacknowledged) {
 TEST_F(UpdateJobStatus, HoldsNoLockOnReturn) {
     update(R"({"jobId":"77", "status":"success"})");
 
-    EXPECT_TRUE(job_file_mutex.try_lock());
-    job_file_mutex.unlock();
+    for (std::mutex *mutex : {&job_record_mutex, &job_file_mutex}) {
+        EXPECT_TRUE(mutex->try_lock());
+        mutex->unlock();
+    }
 }
 
 class WrongType : public UpdateJobStatus, public testing::WithParamInterface<const char *> {};
