@@ -54,23 +54,22 @@ bool repeat_is_due(const Json::Value &job, int32_t now) {
     return true;
 }
 
-void stamp_status(Json::Value &job, const std::string &job_id, const std::string &status, int32_t now) {
+void begin_status(Json::Value &job, const std::string &job_id, const std::string &status, int32_t now) {
     if (!needs_ack(status)) {
         syslog(LOG_DEBUG, "set job ACK true");
         job[KEY_ACK] = true;
         job[KEY_ACK_ID] = 0;
         return;
     }
-    job[KEY_ACK_TS] = now;
-    job[KEY_ACK_ID] = now;
     if (job_id == ID_FAILSAFE_CONFIG) {
         bool ack = false;
         config_get_bool(job, &ack, KEY_ACK);
+        stamp_status(job, now);
         job[KEY_ACK] = ack;
         return;
     }
     syslog(LOG_DEBUG, "job status %s setting ACK to false", status.c_str());
-    job[KEY_ACK] = false;
+    stamp_status(job, now);
 }
 
 // The job file bears the record's status afterwards. True when that is to be reported: it is new, or waits for its
@@ -79,7 +78,7 @@ bool record_status(Json::Value &job, const std::string &job_id, const std::strin
                    const record_lock &record) {
     if (is_stored_already(job, job_id, status))
         return repeat_is_due(job, now);
-    stamp_status(job, job_id, status, now);
+    begin_status(job, job_id, status, now);
     write_job_file(job, record);
     return true;
 }
@@ -132,6 +131,12 @@ void update_job_status(Json::Value &job, int post_status, record_lock &record) t
         post_job_status(job, job_id, status);
 } catch (...) {
     syslog(LOG_NOTICE, "update_job_status: exception handler");
+}
+
+void stamp_status(Json::Value &job, time_t now) {
+    job[KEY_ACK_TS] = static_cast<Json::Int>(now);
+    job[KEY_ACK_ID] = static_cast<Json::Int>(now);
+    job[KEY_ACK] = false;
 }
 
 void send_job_status(tessard &client, const Json::Value &job) {

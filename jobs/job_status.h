@@ -6,6 +6,7 @@
 #include "jobs/job_store.h"
 
 #include <atomic>
+#include <ctime>
 
 // The one client, through which everyone publishes; null until the start-up has made it. Who finds it
 // null publishes nothing.
@@ -32,6 +33,12 @@ void update_job_status(Json::Value &job, int post_status);
 // The same for a caller that has read the job file with job_record_mutex held. Releases it before the publish; a
 // call that publishes nothing may leave that to the caller.
 void update_job_status(Json::Value &job, int post_status, record_lock &record);
+
+// The record's status is one that the cloud has not acknowledged, and has a session of its own: "ack" false, "ackId" and
+// "ackTs" now (seconds since the epoch). For an end that is stored by other means than update_job_status, which
+// does it itself: the report that follows later tells the end, and no answer to an earlier one acknowledges it. Logs,
+// stores and publishes nothing.
+void stamp_status(Json::Value &job, time_t now = time(nullptr));
 
 // Publishes one report of the record's status when the cloud's host answers a ping; else nothing.
 // Throws Json::Exception on a record that is no object.

@@ -157,6 +157,7 @@ void check_job_of_unverified_firmware(Json::Value &job) {
         syslog(LOG_ALERT, "firmware update in progress, but active job %s action is %s",
                job_id_of(job).c_str(), as_text(action).c_str());
     job[KEY_STATUS] = STATUS_FAILED;
+    stamp_status(job); // reported after the reboot
     finalise_fw_install(job, SWITCH_PARTITION);
 }
 

@@ -235,6 +235,22 @@ TEST_F(UpdateJobStatus, CatchesWhateverIsThrown) {
     job_file_mutex.unlock();
 }
 
+// --- An end that is stored by other means
+
+TEST_F(UpdateJobStatus, LeavesItsStampToOthersToo) {
+    for (const char *before : {R"({"jobId":"77", "status":"failed"})",
+                               R"({"jobId":"77", "status":"failed", "ack":true, "ackId":5, "ackTs":4})"}) {
+        job = json(before);
+
+        stamp_status(job);
+
+        EXPECT_THAT(
+            job, IsJson(at(R"({"jobId":"77", "status":"failed", "ack":false, "ackId":NOW, "ackTs":NOW})")));
+    }
+    EXPECT_THAT(all_calls(), IsEmpty());
+    EXPECT_THAT(active_jobs(), IsEmpty());
+}
+
 // --- The failsafe configuration's job, which the device makes itself.
 
 struct failsafe_ack {
