@@ -268,7 +268,7 @@ private:
 TEST_F(MessagesAgainstPasses, LoseNoEndAndStartNoScriptTwice) {
     SCOPED_TRACE("seed " + std::to_string(seed));
 
-    meet(std::chrono::milliseconds(3000), {0, 0});
+    meet(std::chrono::milliseconds(2500), {0, 0});
 
     expect_scripts_started_once_at_most();
     expect_no_other_end_was_reported();
@@ -280,7 +280,7 @@ TEST_F(MessagesAgainstPasses, LoseNoEndAndStartNoScriptTwice) {
 TEST_F(MessagesAgainstPasses, WithClearsAndUpdatesAmongThemLeaveNothingBehind) {
     SCOPED_TRACE("seed " + std::to_string(seed));
 
-    meet(std::chrono::milliseconds(2000), {20, 60});
+    meet(std::chrono::milliseconds(1500), {20, 60});
 
     expect_scripts_started_once_at_most();
     for (const std::string &job_id : archived_jobs())

@@ -27,8 +27,11 @@ bool record_lock_bed::held_here() {
 }
 
 std::function<void()> record_lock_bed::on_wait;
+std::function<void()> record_lock_bed::before_write;
 
 extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
+    if (mutex == job_file_mutex.native_handle() && record_lock_bed::before_write)
+        record_lock_bed::before_write();
     if (!is_the_records(mutex))
         return __real_pthread_mutex_lock(mutex);
     int result = pthread_mutex_trylock(mutex);

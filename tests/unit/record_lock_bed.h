@@ -13,4 +13,7 @@ bool held_here();
 // Called on a thread that is about to wait for the record's mutex, because the other has it. Set before threads start.
 extern std::function<void()> on_wait;
 
+// Called on a thread that is about to take job_file_mutex, for the write of a job file. Set before threads start.
+extern std::function<void()> before_write;
+
 } // namespace record_lock_bed

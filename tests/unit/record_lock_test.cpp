@@ -12,7 +12,6 @@
 #include <atomic>
 #include <semaphore>
 #include <thread>
-#include <utility>
 
 using testing::Contains;
 using testing::HasSubstr;
@@ -25,6 +24,7 @@ protected:
         finish();
         fakes::before_change = nullptr;
         record_lock_bed::on_wait = nullptr;
+        record_lock_bed::before_write = nullptr;
     }
 
     // A job 77 of this status, whose last report has session 1000.
@@ -65,18 +65,17 @@ protected:
         return lines;
     }
 
-    // Just before the first change that begins so, the other thread does this, until it is done or waits for the
-    // record's lock.
-    void meanwhile(const std::string &change, std::function<void()> work) {
-        record_lock_bed::on_wait = [this] { settled.release(); };
-        fakes::before_change = [this, change, work = std::move(work)](const fakes::call &next) {
-            if ((next.function + " " + next.text).rfind(change, 0) != 0 || begun.exchange(true))
-                return;
-            other = std::thread([this, work] {
-                work();
-                settled.release();
-            });
-            settled.acquire();
+    // Just before the first write of a job file, the other thread does this, until it is done or waits for the record's
+    // lock.
+    void before_the_write(const std::function<void()> &work) {
+        record_lock_bed::before_write = [this, work] { let_the_other(work); };
+    }
+
+    // The same just before a job's move to the archive.
+    void before_the_archiving(const std::function<void()> &work) {
+        fakes::before_change = [this, work](const fakes::call &next) {
+            if (next.text == std::string(ARCHIVE_FOLDER) + "77")
+                let_the_other(work);
         };
     }
 
@@ -85,10 +84,18 @@ protected:
             other.join();
     }
 
-    static constexpr const char *WRITE = "write_json_file /var/data/orv/vantrel_iot/jobs/active/77";
-    static constexpr const char *ARCHIVING = "delete_file /var/data/orv/vantrel_iot/jobs/archive/77";
-
 private:
+    void let_the_other(const std::function<void()> &work) {
+        if (begun.exchange(true))
+            return;
+        record_lock_bed::on_wait = [this] { settled.release(); };
+        other = std::thread([this, work] {
+            work();
+            settled.release();
+        });
+        settled.acquire();
+    }
+
     static std::string answer_with(int rc) {
         return R"({"jobId":"77", "session":1000, "rc":)" + std::to_string(rc) + "}";
     }
@@ -236,7 +243,7 @@ TEST_F(RecordLock, OfACorruptJobIsFreeWhenTheFirmwareGoesBack) {
 
 TEST_F(RecordLock, KeepsAnAnswerToReceivedFromTakingBackTheStart) {
     given_job("received");
-    meanwhile(WRITE, [] { job_becomes("executed"); });
+    before_the_write([] { job_becomes("executed"); });
 
     cloud_answers(200);
     finish();
@@ -246,7 +253,7 @@ TEST_F(RecordLock, KeepsAnAnswerToReceivedFromTakingBackTheStart) {
 
 TEST_F(RecordLock, KeepsAnAnswerToExecutedFromTakingBackTheEnd) {
     given_job("executed");
-    meanwhile(WRITE, [] { job_becomes("success"); });
+    before_the_write([] { job_becomes("success"); });
 
     cloud_answers(200);
     finish();
@@ -256,7 +263,7 @@ TEST_F(RecordLock, KeepsAnAnswerToExecutedFromTakingBackTheEnd) {
 
 TEST_F(RecordLock, KeepsAnAnswerToExecutedFromTakingBackAnEndThatIsStoredWithoutALook) {
     given_job("executed");
-    meanwhile(WRITE, [] { write_job_file(json(R"({"jobId":"77", "status":"success", "ack":false})")); });
+    before_the_write([] { write_job_file(json(R"({"jobId":"77", "status":"success", "ack":false})")); });
 
     cloud_answers(200);
     finish();
@@ -266,7 +273,7 @@ TEST_F(RecordLock, KeepsAnAnswerToExecutedFromTakingBackAnEndThatIsStoredWithout
 
 TEST_F(RecordLock, KeepsAnAnswerFromBeingTakenWhileTheNextStatusIsStored) {
     given_job("executed");
-    meanwhile(WRITE, [this] { cloud_answers(200); });
+    before_the_write([this] { cloud_answers(200); });
 
     job_becomes("success");
     finish();
@@ -277,7 +284,7 @@ TEST_F(RecordLock, KeepsAnAnswerFromBeingTakenWhileTheNextStatusIsStored) {
 
 TEST_F(RecordLock, KeepsTwoArchivingsOfAJobFromLosingIt) {
     given_job("failed", R"("ack":false, "ack_attempts":100)");
-    meanwhile(ARCHIVING, [this] { process_completed_job(client, "77"); });
+    before_the_archiving([this] { process_completed_job(client, "77"); });
 
     cloud_answers(500);
     finish();
@@ -288,7 +295,7 @@ TEST_F(RecordLock, KeepsTwoArchivingsOfAJobFromLosingIt) {
 
 TEST_F(RecordLock, KeepsAJobThatComesAgainFromBeingArchivedInThePlaceOfTheOld) {
     given_job("success", R"("ack":true)");
-    meanwhile(ARCHIVING, [] {
+    before_the_archiving([] {
         Json::Value job = json(R"({"jobId":"77"})");
         new_job_file(job);
     });
@@ -302,7 +309,7 @@ TEST_F(RecordLock, KeepsAJobThatComesAgainFromBeingArchivedInThePlaceOfTheOld) {
 
 TEST_F(RecordLock, LetsTheLaterEndOfAJobStandWhenAServiceEndsItToo) {
     given_job("executed");
-    meanwhile(WRITE, [] { job_becomes("failed"); });
+    before_the_write([] { job_becomes("failed"); });
 
     service_answers(200);
     finish();
@@ -312,7 +319,7 @@ TEST_F(RecordLock, LetsTheLaterEndOfAJobStandWhenAServiceEndsItToo) {
 
 TEST_F(RecordLock, LetsTheLaterEndOfAJobStandWhenAnUpdateEndsItToo) {
     given_job("executed", R"("action":"fw_put")");
-    meanwhile(WRITE, [] { job_becomes("failed"); });
+    before_the_write([] { job_becomes("failed"); });
 
     cloud_updates(0);
     finish();
@@ -322,7 +329,7 @@ TEST_F(RecordLock, LetsTheLaterEndOfAJobStandWhenAnUpdateEndsItToo) {
 
 TEST_F(RecordLock, KeepsAnAnswerThatComesWithTheVerificationsResult) {
     given_job("executed", R"("ack":false, "cfg_verified":false)");
-    meanwhile(WRITE, [this] { cloud_answers(200); });
+    before_the_write([this] { cloud_answers(200); });
 
     record_failsafe_result(json(R"({"jobId":"77", "status":"success"})"), false);
     finish();
@@ -332,7 +339,7 @@ TEST_F(RecordLock, KeepsAnAnswerThatComesWithTheVerificationsResult) {
 
 TEST_F(RecordLock, KeepsAClearFromBeingUndoneByAWriteThatHadBegun) {
     given_job("executed");
-    meanwhile(WRITE, [] { force_fail_job(active_job_path("77")); });
+    before_the_write([] { force_fail_job(active_job_path("77")); });
 
     job_becomes("success");
     finish();
@@ -342,7 +349,7 @@ TEST_F(RecordLock, KeepsAClearFromBeingUndoneByAWriteThatHadBegun) {
 
 TEST_F(RecordLock, KeepsTheRepairOfACorruptJobFromTakingOneThatArrives) {
     write_text(std::string(ACTIVE_FOLDER) + "77", "{");
-    meanwhile(WRITE, [] {
+    before_the_write([] {
         Json::Value job = json(R"({"jobId":"77"})");
         new_job_file(job);
     });
