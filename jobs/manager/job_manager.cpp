@@ -86,7 +86,7 @@ void revert_lost_upgrade() {
 }
 
 // The cloud learns "failed" when a later pass finds the job finished and unacknowledged.
-void repair_job(const std::string &job_id, int32_t now, bool fw_pending, record_lock &record) {
+void repair_job(const std::string &job_id, int32_t now, bool fw_pending) {
     Json::Value job;
     job[KEY_JOB_ID] = job_id;
     job[KEY_STATUS] = STATUS_FAILED;
@@ -94,31 +94,22 @@ void repair_job(const std::string &job_id, int32_t now, bool fw_pending, record_
     if (fw_pending) {
         syslog(LOG_ALERT, "FW job corrupted, reverting to previous FW");
         job[KEY_ACTION] = ACTION_FW;
-        record.unlock(); // it reboots
         finalise_fw_install(job, SWITCH_PARTITION);
         return;
     }
     syslog(LOG_ALERT, "repairing and failing corrupt or missing job %s", job_id.c_str());
     job[KEY_ACK_TS] = now;
     job[KEY_ACK_ID] = now;
-    write_job_file(job, record);
-}
-
-bool repaired(const std::string &job_id, int32_t now, bool fw_pending) {
-    record_lock record(job_record_mutex);
-    if (check_job_file(job_id) == 0)
-        return false;
-    repair_job(job_id, now, fw_pending, record);
-    return true;
+    write_job_file(job);
 }
 
 void process_job_list(tessard &client, const Json::Value &job_ids, bool fw_pending) {
     const auto now = static_cast<int32_t>(time(nullptr));
     for (const Json::Value &entry : job_ids) {
         const std::string job_id = entry.asString();
-        if (repaired(job_id, now, fw_pending))
-            continue;
-        if (process_completed_job(client, job_id) != 0) {
+        if (check_job_file(job_id) != 0) {
+            repair_job(job_id, now, fw_pending);
+        } else if (process_completed_job(client, job_id) != 0) {
             process_active_job(client, job_id);
             return;
         }

@@ -222,23 +222,6 @@ TEST_F(RecordLock, IsHeldForAChangeThatDependsOnNoRead) {
                                 "unlock record", "lock record", "delete_file active/77", "unlock record"));
 }
 
-TEST_F(RecordLock, OfACorruptJobIsHeldFromItsReadToItsRepair) {
-    write_text(std::string(ACTIVE_FOLDER) + "77", "{");
-    process_jobs(client);
-    EXPECT_THAT(steps(), ListIs("lock record", "read_json_file active/77", "write_json_file active/77",
-                                "sync_to_fs 2", "unlock record"));
-}
-
-TEST_F(RecordLock, OfACorruptJobIsFreeWhenTheFirmwareGoesBack) {
-    write_text(std::string(ACTIVE_FOLDER) + "77", "{");
-    write_text("/var/data/orv/FIRMWARE_UPDATED", "");
-    process_jobs(client);
-    EXPECT_THAT(steps(), ListIs("lock record", "read_json_file active/77", "unlock record", "lock record",
-                                "write_json_file active/77", "sync_to_fs 2", "unlock record",
-                                "delete_file config.staged", "delete_file config.staged.hash",
-                                "delete_file FIRMWARE_UPDATED", "switch_firmware_partition"));
-}
-
 // --- what it keeps apart
 
 TEST_F(RecordLock, KeepsAnAnswerToReceivedFromTakingBackTheStart) {
@@ -345,17 +328,4 @@ TEST_F(RecordLock, KeepsAClearFromBeingUndoneByAWriteThatHadBegun) {
     finish();
 
     EXPECT_THAT(active_jobs(), IsEmpty());
-}
-
-TEST_F(RecordLock, KeepsTheRepairOfACorruptJobFromTakingOneThatArrives) {
-    write_text(std::string(ACTIVE_FOLDER) + "77", "{");
-    before_the_write([] {
-        Json::Value job = json(R"({"jobId":"77"})");
-        new_job_file(job);
-    });
-
-    process_jobs(client);
-    finish();
-
-    EXPECT_EQ(active_job("77")["status"], "received");
 }
