@@ -71,10 +71,10 @@ protected:
         record_lock_bed::before_write = [this, work] { let_the_other(work); };
     }
 
-    // The same just before a job's move to the archive.
-    void before_the_archiving(const std::function<void()> &work) {
-        fakes::before_change = [this, work](const fakes::call &next) {
-            if (next.text == std::string(ARCHIVE_FOLDER) + "77")
+    // The same just before this file is deleted; that of the archive makes room for a job that moves there.
+    void before_the_deletion_of(const std::string &path, const std::function<void()> &work) {
+        fakes::before_change = [this, path, work](const fakes::call &next) {
+            if (next.function == "delete_file" && next.text == path)
                 let_the_other(work);
         };
     }
@@ -83,6 +83,8 @@ protected:
         if (other.joinable())
             other.join();
     }
+
+    static constexpr const char *ARCHIVED = "/var/data/orv/vantrel_iot/jobs/archive/77";
 
 private:
     void let_the_other(const std::function<void()> &work) {
@@ -267,7 +269,7 @@ TEST_F(RecordLock, KeepsAnAnswerFromBeingTakenWhileTheNextStatusIsStored) {
 
 TEST_F(RecordLock, KeepsTwoArchivingsOfAJobFromLosingIt) {
     given_job("failed", R"("ack":false, "ack_attempts":100)");
-    before_the_archiving([this] { process_completed_job(client, "77"); });
+    before_the_deletion_of(ARCHIVED, [this] { process_completed_job(client, "77"); });
 
     cloud_answers(500);
     finish();
@@ -278,7 +280,7 @@ TEST_F(RecordLock, KeepsTwoArchivingsOfAJobFromLosingIt) {
 
 TEST_F(RecordLock, KeepsAJobThatComesAgainFromBeingArchivedInThePlaceOfTheOld) {
     given_job("success", R"("ack":true)");
-    before_the_archiving([] {
+    before_the_deletion_of(ARCHIVED, [] {
         Json::Value job = json(R"({"jobId":"77"})");
         new_job_file(job);
     });
@@ -302,7 +304,7 @@ TEST_F(RecordLock, LetsTheLaterEndOfAJobStandWhenAServiceEndsItToo) {
 
 TEST_F(RecordLock, LetsTheLaterEndOfAJobStandWhenAnUpdateEndsItToo) {
     given_job("executed", R"("action":"fw_put")");
-    before_the_write([] { job_becomes("failed"); });
+    before_the_deletion_of("/var/volatile/orv/FW_JOB_EXECUTING", [] { job_becomes("failed"); });
 
     cloud_updates(0);
     finish();
