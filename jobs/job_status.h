@@ -34,10 +34,10 @@ void update_job_status(Json::Value &job, int post_status);
 // call that publishes nothing may leave that to the caller.
 void update_job_status(Json::Value &job, int post_status, record_lock &record);
 
-// The record's status is one that the cloud has not acknowledged, and has a session of its own: "ack" false, "ackId" and
+// Gives the record's status a session of its own, which the cloud has not acknowledged: "ack" false, "ackId" and
 // "ackTs" now (seconds since the epoch). For an end that is stored by other means than update_job_status, which
-// does it itself: the report that follows later tells the end, and no answer to an earlier one acknowledges it. Logs,
-// stores and publishes nothing.
+// does it itself: a later pass reports it, and no answer to an earlier status acknowledges it. Logs, stores and
+// publishes nothing.
 void stamp_status(Json::Value &job, time_t now = time(nullptr));
 
 // Publishes one report of the record's status when the cloud's host answers a ping; else nothing.

@@ -1,6 +1,6 @@
 // The job files: the only durable state of a job. The two threads hand each other no job in memory, they
-// read and rewrite its file, whole. What one decides by a file that it has read it does before the other may
-// change that file; else the last writer wins.
+// read and rewrite its file, whole; the last writer wins. Between an answer's or a status's look at a file and the
+// change that follows from it the other thread changes nothing.
 #pragma once
 
 #include <json/json.h>
@@ -19,8 +19,9 @@ inline constexpr int VAR_FILE_SIZE = 256; // bytes that read_var_file may fill
 
 // Lock order: the client's message_mutex, job_manager_mutex, job_record_mutex, job_file_mutex. None is recursive.
 extern std::mutex job_manager_mutex; // held while one job is handled in a pass
-// Held from the read of a job file to the write, the archiving or the deletion that depends on it, flush
-// included, and over each of these where nothing was read. Never over a publish, a pause or a command.
+// Held from the read of a job file to the write or the archiving that depends on it, flush included, by every answer
+// and update of the cloud, every status and every job found ended; over any other write, archiving or clear for itself.
+// Not from the read by which a pass starts or repairs a job. Never over a publish, a pause or a command.
 extern std::mutex job_record_mutex;
 extern std::mutex job_file_mutex; // held around the write of a job file, or of a job's candidate
 

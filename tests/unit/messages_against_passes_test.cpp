@@ -75,8 +75,8 @@ protected:
         };
     }
 
-    // What else is sent than jobs and answers: so many of a thousand messages. A pass that an update for all starts takes
-    // what the other pass has archived meanwhile for lost, as it does with what is cleared.
+    // What else is sent than jobs and answers: so many of a thousand messages. What is on the list of one pass and is
+    // cleared, or archived by another that an update for all has started, is taken for lost: it fails once more.
     struct others {
         int clears;
         int updates_for_all;
