@@ -85,10 +85,11 @@ void fail_script_job(Json::Value &job) {
     update_job_status(job, POST_STATUS);
 }
 
-void reboot_if_requested(const Json::Value &job) {
+void reboot_if_requested(Json::Value &job) {
     if (!job[KEY_PARAMS].get(PARAM_REBOOT, false).asBool())
         return;
     syslog(LOG_INFO, "reboot requested - delaying for 8 seconds");
+    stamp_status(job); // reported after the reboot
     write_job_file(job);
     sleep(PAUSE_BEFORE_REBOOT_S);
     (void)system("/sbin/reboot -f");

@@ -147,6 +147,14 @@ void revert_upgrade(Json::Value &job) {
     finalise_fw_install(job, SWITCH_PARTITION);
 }
 
+// The configuration could not be staged. The report of an overridden job stores that end, else nothing has yet.
+void revert_unstaged(Json::Value &job) {
+    job[KEY_SWITCH_PARTITION] = true;
+    if (!job.isMember(KEY_OVERRIDE_STATUS))
+        stamp_status(job);
+    revert_upgrade(job);
+}
+
 void complete_upgrade(Json::Value &job) {
     report_overridden(job);
     char version[SYSDB_TEXT_SIZE] = "";
@@ -217,12 +225,17 @@ void check_fw_upgrade_result(tessard &client, Json::Value &job) {
     if (is_rootfs2() == job[KEY_PARTITION2].asBool()) {
         syslog(LOG_ALERT, "FW upgrade failed current partition has not changed.");
         job[KEY_STATUS] = STATUS_FAILED;
+        stamp_status(job);
         finalise_fw_install(job, KEEP_PARTITION); // the former partition is the running one
         return;
     }
-    if (stage_upgrade_config(job) != 0 || verify_upgrade_config(client, job) != 0) {
+    if (stage_upgrade_config(job) != 0) {
+        revert_unstaged(job);
+        return;
+    }
+    if (verify_upgrade_config(client, job) != 0) {
         job[KEY_SWITCH_PARTITION] = true;
-        revert_upgrade(job);
+        revert_upgrade(job); // the apply has stored the end
         return;
     }
     complete_upgrade(job);

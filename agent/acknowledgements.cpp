@@ -22,15 +22,15 @@ bool answers_last_report(const Json::Value &answer, const Json::Value &job) {
     return job.isMember(KEY_ACK_ID) && job[KEY_ACK_ID].asInt() == answer["session"].asInt();
 }
 
-void accept_ack(Json::Value &job, const std::string &path) {
+void accept_ack(Json::Value &job, const std::string &path, const record_lock &record) {
     job[KEY_ACK] = true;
     job[KEY_ACK_ATTEMPTS] = 0;
     syslog(LOG_ALERT, "job: %s set ACK: true for job status:%s", path.c_str(),
            job.get(KEY_STATUS, "").asString().c_str());
-    write_job_file(job);
+    write_job_file(job, record);
 }
 
-void refuse_ack(Json::Value &job, const std::string &job_id) {
+void refuse_ack(Json::Value &job, const std::string &job_id, const record_lock &record) {
     const int attempts = job.get(KEY_ACK_ATTEMPTS, 0).asInt() + 1;
     job[KEY_ACK_ATTEMPTS] = attempts;
     if (attempts <= MAX_REFUSED_ACKS)
@@ -39,8 +39,8 @@ void refuse_ack(Json::Value &job, const std::string &job_id) {
     syslog(LOG_ALERT, "job: %s %s ", job_id.c_str(), REFUSED_TOO_OFTEN); // sic: the trailing blank
     job[KEY_STATUS] = STATUS_FAILED;
     job[KEY_ACK] = true;
-    write_job_file(job);
-    archive_job_file(job);
+    write_job_file(job, record);
+    archive_job_file(job, record);
 }
 
 // The end of a job whose work another service does. False when this job takes no updates.
@@ -82,14 +82,15 @@ void job_pub_ack(tessard &client, const mosquitto_message *message) try {
 
     const std::string job_id = answer[KEY_JOB_ID].asString();
     const std::string path = active_job_path(job_id);
+    const record_lock record(job_record_mutex);
     Json::Value job;
     if (read_json_file(path.c_str(), job) != 0 || !answers_last_report(answer, job))
         return;
 
     if (answer["rc"].asInt() == ORV_MQTT_RC_SUCCESS)
-        accept_ack(job, path);
+        accept_ack(job, path, record);
     else
-        refuse_ack(job, job_id);
+        refuse_ack(job, job_id, record);
 } catch (...) {
     syslog(LOG_DEBUG, "job_pub_ack: exception handler");
 }
@@ -112,6 +113,7 @@ void cmd_ack(tessard &client, const mosquitto_message *message) {
         return;
     }
 
+    record_lock record(job_record_mutex);
     Json::Value job;
     if (read_json_file(active_job_path(job_id).c_str(), job) != 0 || !answers_last_report(answer, job))
         return;
@@ -125,7 +127,7 @@ void cmd_ack(tessard &client, const mosquitto_message *message) {
         job[KEY_STATUS] = STATUS_FAILED;
     }
     syslog(LOG_DEBUG, "cmd_ack update_job_status %s", job[KEY_STATUS].asString().c_str());
-    update_job_status(job, POST_STATUS);
+    update_job_status(job, POST_STATUS, record);
 }
 
 void job_update(tessard &client, const mosquitto_message *message) try {
@@ -142,13 +144,14 @@ void job_update(tessard &client, const mosquitto_message *message) try {
 
     if (!update.isMember(KEY_JOB_ID))
         return;
+    record_lock record(job_record_mutex);
     Json::Value job;
     if (read_json_file(active_job_path(update[KEY_JOB_ID].asString()).c_str(), job) != 0)
         return;
     if (!update.isMember("rc"))
         return;
     if (take_update(job, update))
-        update_job_status(job, POST_STATUS);
+        update_job_status(job, POST_STATUS, record);
 } catch (...) {
     syslog(LOG_DEBUG, "job_update: exception handler");
 }

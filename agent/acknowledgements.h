@@ -2,7 +2,7 @@
 //
 // All run on the main thread, inside the message hook, with the client's message_mutex held. An
 // acknowledgement counts only if its "session" equals the job record's "ackId"; any other changes
-// nothing.
+// nothing. Each holds job_record_mutex from its read of the record to the end of its change.
 #pragma once
 
 #include "agent/client/tessard.h"

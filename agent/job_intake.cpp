@@ -146,7 +146,10 @@ void force_fail_job(const std::string &path) {
     if (tessard *client = iot_client)
         send_job_status(*client, job);
 
-    delete_file(path.c_str());
+    {
+        const record_lock record(job_record_mutex);
+        delete_file(path.c_str());
+    }
     delete_file(FW_JOBID_FILE);
     syslog(LOG_ALERT, "deleted active job %s, forced fail", path.c_str());
 }

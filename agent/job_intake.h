@@ -1,7 +1,7 @@
 // Job intake: turns a job message into a job file, or clears jobs, or runs a critical job at once.
 //
 // All run on the main thread inside the message hook, with the client's message_mutex held. The clears
-// delete job files without any lock of the job manager.
+// delete job files without any lock of the job manager; job_record_mutex is held for the deletion alone.
 #pragma once
 
 #include "agent/client/tessard.h"

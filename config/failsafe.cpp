@@ -160,6 +160,20 @@ void restore_failsafe_config() {
     sync_to_fs(SYNC_PERSISTENT);
 }
 
+// False when there is no record to write it into.
+bool write_result(const Json::Value &job, const std::string &path) {
+    const record_lock record(job_record_mutex);
+    Json::Value stored;
+    if (read_json_file(path.c_str(), stored) != 0 || !stored.isObject())
+        return false;
+    stored[KEY_STATUS] = job[KEY_STATUS];
+    if (stored.isMember(KEY_CFG_VERIFIED))
+        stored[KEY_CFG_VERIFIED] = job[KEY_STATUS].asString() == STATUS_SUCCESS;
+    const std::lock_guard lock(job_file_mutex);
+    write_json_file(path.c_str(), stored);
+    return true;
+}
+
 void restart_after_revert() {
     syslog(LOG_NOTICE, "failsafe restart network");
     (void)system("/usr/bin/cmd_netgen apply");
@@ -243,17 +257,6 @@ void failsafe_failure(Json::Value &job) {
 void record_failsafe_result(const Json::Value &job, bool flush) {
     if (!job.isMember(KEY_JOB_ID) || job[KEY_JOB_ID].asString() == ID_FAILSAFE_CONFIG)
         return;
-    const std::string path = active_job_path(job[KEY_JOB_ID].asString());
-    Json::Value stored;
-    if (read_json_file(path.c_str(), stored) != 0 || !stored.isObject())
-        return;
-    stored[KEY_STATUS] = job[KEY_STATUS];
-    if (stored.isMember(KEY_CFG_VERIFIED))
-        stored[KEY_CFG_VERIFIED] = job[KEY_STATUS].asString() == STATUS_SUCCESS;
-    {
-        const std::lock_guard lock(job_file_mutex);
-        write_json_file(path.c_str(), stored);
-    }
-    if (flush)
+    if (write_result(job, active_job_path(job[KEY_JOB_ID].asString())) && flush)
         sync_to_fs(SYNC_PERSISTENT);
 }

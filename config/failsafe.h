@@ -22,5 +22,6 @@ void failsafe_success(Json::Value &job);
 void failsafe_failure(Json::Value &job);
 
 // Writes the job's result into its job file: "status", and "cfg_verified" where the file has it. The device's
-// own configuration job has none. flush: wait until it is on persistent storage.
+// own configuration job has none. flush: wait until it is on persistent storage. Takes job_record_mutex from its read
+// to its write.
 void record_failsafe_result(const Json::Value &job, bool flush);

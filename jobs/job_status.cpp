@@ -54,23 +54,33 @@ bool repeat_is_due(const Json::Value &job, int32_t now) {
     return true;
 }
 
-void stamp_status(Json::Value &job, const std::string &job_id, const std::string &status, int32_t now) {
+void begin_status(Json::Value &job, const std::string &job_id, const std::string &status, int32_t now) {
     if (!needs_ack(status)) {
         syslog(LOG_DEBUG, "set job ACK true");
         job[KEY_ACK] = true;
         job[KEY_ACK_ID] = 0;
         return;
     }
-    job[KEY_ACK_TS] = now;
-    job[KEY_ACK_ID] = now;
     if (job_id == ID_FAILSAFE_CONFIG) {
         bool ack = false;
         config_get_bool(job, &ack, KEY_ACK);
+        stamp_status(job, now);
         job[KEY_ACK] = ack;
         return;
     }
     syslog(LOG_DEBUG, "job status %s setting ACK to false", status.c_str());
-    job[KEY_ACK] = false;
+    stamp_status(job, now);
+}
+
+// The job file bears the record's status afterwards. True when that is to be reported: it is new, or waits for its
+// acknowledgement and its next repeat is due.
+bool record_status(Json::Value &job, const std::string &job_id, const std::string &status, int32_t now,
+                   const record_lock &record) {
+    if (is_stored_already(job, job_id, status))
+        return repeat_is_due(job, now);
+    begin_status(job, job_id, status, now);
+    write_job_file(job, record);
+    return true;
 }
 
 void post_job_status(const Json::Value &job, const std::string &job_id, const std::string &status) {
@@ -96,7 +106,12 @@ int *next_status_message_id() {
     return &status_message_id;
 }
 
-void update_job_status(Json::Value &job, int post_status) try {
+void update_job_status(Json::Value &job, int post_status) {
+    record_lock record(job_record_mutex, std::defer_lock);
+    update_job_status(job, post_status, record);
+}
+
+void update_job_status(Json::Value &job, int post_status, record_lock &record) try {
     const auto now = static_cast<int32_t>(time(nullptr));
     begin_repeats(now);
     if (!job.isMember(KEY_JOB_ID) || !job.isMember(KEY_STATUS)) {
@@ -108,17 +123,20 @@ void update_job_status(Json::Value &job, int post_status) try {
     syslog(LOG_NOTICE, "%s: %s %s post_status: %d", "update_job_status", job_id.c_str(), status.c_str(),
            post_status);
 
-    if (!is_stored_already(job, job_id, status)) {
-        stamp_status(job, job_id, status, now);
-        write_job_file(job);
-    } else if (!repeat_is_due(job, now)) {
-        return;
-    }
-
-    if (post_status != 0)
+    if (!record)
+        record.lock();
+    const bool to_be_reported = record_status(job, job_id, status, now, record);
+    record.unlock();
+    if (to_be_reported && post_status != 0)
         post_job_status(job, job_id, status);
 } catch (...) {
     syslog(LOG_NOTICE, "update_job_status: exception handler");
+}
+
+void stamp_status(Json::Value &job, time_t now) {
+    job[KEY_ACK_TS] = static_cast<Json::Int>(now);
+    job[KEY_ACK_ID] = static_cast<Json::Int>(now);
+    job[KEY_ACK] = false;
 }
 
 void send_job_status(tessard &client, const Json::Value &job) {

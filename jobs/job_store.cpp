@@ -15,6 +15,7 @@
 #include <syslog.h>
 
 std::mutex job_manager_mutex;
+std::mutex job_record_mutex;
 std::mutex job_file_mutex;
 
 namespace {
@@ -81,6 +82,11 @@ bool has_usable_job_id(const Json::Value &job) {
 }
 
 int write_job_file(const Json::Value &job) {
+    const record_lock record(job_record_mutex);
+    return write_job_file(job, record);
+}
+
+int write_job_file(const Json::Value &job, const record_lock &) {
     if (!job.isMember(KEY_JOB_ID))
         return -1;
     const std::string job_id = job[KEY_JOB_ID].asString();
@@ -120,6 +126,11 @@ int check_job_file(const std::string &job_id) try {
 }
 
 void archive_job_file(const Json::Value &job) {
+    const record_lock record(job_record_mutex);
+    archive_job_file(job, record);
+}
+
+void archive_job_file(const Json::Value &job, const record_lock &) {
     if (!job.isMember(KEY_JOB_ID))
         return;
     const std::string job_id = job[KEY_JOB_ID].asString();
@@ -131,6 +142,7 @@ void archive_job_file(const Json::Value &job) {
 }
 
 int delete_job_file(const std::string &job_id) {
+    const record_lock record(job_record_mutex);
     delete_file(active_job_path(job_id).c_str());
     if (is_fw_job(job_id))
         delete_file(FW_JOBID_FILE);

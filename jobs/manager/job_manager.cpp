@@ -116,9 +116,11 @@ void process_job_list(tessard &client, const Json::Value &job_ids, bool fw_pendi
     }
 }
 
-void archive_and_check_in(tessard &client, const Json::Value &job, const std::string &job_id) {
+void archive_and_check_in(tessard &client, const Json::Value &job, const std::string &job_id,
+                          record_lock &record) {
     syslog(LOG_ALERT, "archiving job file %s", job_id.c_str());
-    archive_job_file(job);
+    archive_job_file(job, record);
+    record.unlock();
     if (job_id == ID_FAILSAFE_CONFIG)
         return;
     syslog(LOG_DEBUG, "job mgr initiating sequential IOT checkin");
@@ -146,6 +148,7 @@ void check_job_of_unverified_firmware(Json::Value &job) {
         syslog(LOG_ALERT, "firmware update in progress, but active job %s action is %s",
                job_id_of(job).c_str(), as_text(action).c_str());
     job[KEY_STATUS] = STATUS_FAILED;
+    stamp_status(job); // reported after the reboot
     finalise_fw_install(job, SWITCH_PARTITION);
 }
 
@@ -214,6 +217,7 @@ int process_jobs(tessard &client) try {
 int process_completed_job(tessard &client, const std::string &job_id) try {
     const std::lock_guard lock(job_manager_mutex);
     syslog(LOG_NOTICE, "processing job: %s", job_id.c_str());
+    record_lock record(job_record_mutex);
     Json::Value job;
     if (read_json_file(active_job_path(job_id).c_str(), job) != 0)
         return 1;
@@ -229,10 +233,10 @@ int process_completed_job(tessard &client, const std::string &job_id) try {
 
     const bool archived_unacknowledged = job_id == ID_FAILSAFE_CONFIG || job_id == ID_POST_CONFIG;
     if (!archived_unacknowledged && !job.get(KEY_ACK, false).asBool()) {
-        update_job_status(job, POST_STATUS);
+        update_job_status(job, POST_STATUS, record);
         return 0;
     }
-    archive_and_check_in(client, job, job_id);
+    archive_and_check_in(client, job, job_id, record);
     return 0;
 } catch (...) {
     syslog(LOG_NOTICE, "%s: exception handler", "process_completed_job");

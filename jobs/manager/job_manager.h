@@ -16,7 +16,8 @@ void job_mgr_main(tessard &client);
 int process_jobs(tessard &client);
 
 // Archives an acknowledged finished job and checks in; re-reports one that is not acknowledged. 0 when the
-// job needs nothing more in this pass, non-zero when it is not finished. Takes job_manager_mutex.
+// job needs nothing more in this pass, non-zero when it is not finished. Takes job_manager_mutex, and
+// job_record_mutex from its read to the archive or the report's write.
 int process_completed_job(tessard &client, const std::string &job_id);
 
 // Starts a received job; fails, verifies or resumes one found executed after a restart. Takes

@@ -148,8 +148,8 @@ constexpr char SUCCESS_UNMARKED[] =
     "A cut between the recorded success and the deletion of FIRMWARE_UPDATED: once the job is acknowledged and "
     "archived, the mark has no job and the former firmware boots.";
 constexpr char STORED_AS_IT_IS[] =
-    "An upgrade that fails before its configuration is applied ends with the record as it stands: with the session "
-    "of \"executed\", and archived unreported when that was acknowledged.";
+    "An upgrade that does not know which slot it left ends with the record as it stands: with the session of "
+    "\"executed\", and archived unreported when that was acknowledged.";
 constexpr char NOT_SWITCHED_BACK[] =
     "The end is stored and the mark deleted before the slot is switched back: a cut between them leaves the new one.";
 constexpr char OWN_RECORD[] = "The device's own record, deleted at the end of the apply.";
@@ -173,8 +173,6 @@ std::vector<known_exception> upgrade_exceptions() {
          "job 66 is a failed, and slot 2 runs",
          NOT_SWITCHED_BACK,
          {restart::KILL, restart::REBOOT}},
-        {"", SESSIONS, "executed and failed", STORED_AS_IT_IS},
-        {"", REPORTED, "archived as failed", STORED_AS_IT_IS},
         {"", HASHES, "/var/data/orv/config.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
         {"", HASHES, "/var/data/orv/config.failsafe.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
     };

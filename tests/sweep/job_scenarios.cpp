@@ -90,14 +90,6 @@ scenario_group script_scenarios() {
         "scripts",
         scripts(),
         {
-            {"a script with a reboot after it", SESSIONS, "executed and success",
-             "The success is stored as it is just before the reboot, with the session of \"executed\", and is "
-             "reported with that after the boot."},
-            {"a script with a reboot after it",
-             REPORTED,
-             "archived as success",
-             "So an answer to \"executed\" that comes after the boot acknowledges the success.",
-             {restart::STALL}},
             {"a critical script", SESSIONS, "one session for received",
              "A critical job is not stamped at its intake: all its reports bear the session it came with, "
              "mostly none."},
@@ -133,11 +125,6 @@ scenario_group acknowledgement_scenarios() {
                  {restart::KILL}},
                 {"refused for the 101st time", REPORTED, "archived as failed",
                  "Given up: the job is archived without an acknowledgement."},
-                {"refused for the 101st time",
-                 ARCHIVED,
-                 "is lost",
-                 "Both threads archive it, and the second one first makes room in the archive.",
-                 {restart::STALL}},
             }};
 }
 

@@ -202,6 +202,78 @@ TEST_F(FirmwareCheck, AConfigurationThatDoesNotWorkReverts) {
     expect_reverted();
 }
 
+// --- in which session it is told, after the reboot
+
+class FirmwareCheckOfAnAcknowledgedJob : public FirmwareCheck {
+protected:
+    FirmwareCheckOfAnAcknowledgedJob() {
+        job["ack"] = true;
+        job["ackId"] = 1000;
+        job["ackTs"] = 1000;
+        given_active_job(job.toStyledString());
+    }
+
+    static void expect_stored(bool ack, time_t session) {
+        EXPECT_EQ(active_job("77")["ack"], ack);
+        EXPECT_EQ(active_job("77")["ackId"].asInt64(), session);
+        EXPECT_EQ(active_job("77")["ackTs"].asInt64(), session);
+    }
+};
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, AnUnchangedPartitionBeginsASession) {
+    job["partition2"] = true;
+    check();
+    EXPECT_EQ(active_job("77")["status"], "failed");
+    expect_stored(false, START_TIME);
+}
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, AConfigurationThatCannotBeStagedBeginsASession) {
+    job["params"]["hashAtFwVer"] = "another";
+    check();
+    EXPECT_EQ(active_job("77")["status"], "failed");
+    expect_stored(false, START_TIME);
+    EXPECT_THAT(updates(), IsEmpty());
+}
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, OneThatWasForcedKeepsTheSessionOfItsReport) {
+    job["params"]["hashAtFwVer"] = "another";
+    job["override_status"] = true;
+    check();
+    ASSERT_THAT(reported(), ListIs("failed"));
+    EXPECT_EQ(published_on("v1/device/job/77/ack")[0].json["session"].asInt64(), START_TIME);
+    EXPECT_EQ(fakes::now(), START_TIME + 2); // the pause after it
+    expect_stored(false, START_TIME);
+}
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, AConfigurationThatDoesNotWorkKeepsTheSessionOfItsApply) {
+    fakes::config().validator_status = -1;
+    check();
+    EXPECT_EQ(active_job("77")["status"], "failed");
+    EXPECT_EQ(fakes::now(), START_TIME + 2); // the pause at the end of the apply
+    expect_stored(false, START_TIME);
+}
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, AWorkingUpgradeKeepsTheSessionOfItsApply) {
+    check();
+    EXPECT_EQ(active_job("77")["status"], "success");
+    EXPECT_EQ(fakes::now(), START_TIME + 2);
+    expect_stored(false, START_TIME);
+}
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, OfAnUnknownDeviceTypeItKeepsTheSessionOfExecuted) {
+    fakes::device().device_type = 0;
+    check();
+    EXPECT_EQ(active_job("77")["status"], "failed");
+    expect_stored(true, 1000);
+}
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, WithoutItsFormerPartitionItKeepsTheSessionOfExecuted) {
+    job.removeMember("partition2");
+    check();
+    EXPECT_EQ(active_job("77")["status"], "failed");
+    expect_stored(true, 1000);
+}
+
 // --- a status that had to be forced is reported once more
 
 TEST_F(FirmwareCheck, WithoutAForcedStatusTheCheckReportsNothing) {

@@ -273,10 +273,17 @@ TEST_F(OtherJobOfAnUnverifiedFirmware, FailsAndRevertsTheFirmware) {
 
         EXPECT_THAT(log_lines()[2], Alert("firmware update in progress, but active job 77 action is CMD"));
         EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"failed", "action":"CMD"})"));
-        EXPECT_THAT(published(), IsEmpty());
+        EXPECT_THAT(published(), IsEmpty()); // that comes after the reboot
         EXPECT_THAT(log_lines(), Not(Contains(Notice(StartsWith("update_job_status")))));
         expect_reverted();
     }
+}
+
+TEST_F(OtherJobOfAnUnverifiedFirmware, FailsInASessionThatNobodyHasAnswered) {
+    process(R"({"jobId":"77", "action":"CMD", "status":"executed", "ack":true, "ackId":1000, "ackTs":1000})");
+
+    EXPECT_THAT(active_job("77"),
+                HasMembers(R"({"status":"failed", "ack":false, "ackId":1700000000, "ackTs":1700000000})"));
 }
 
 TEST_F(OtherJobOfAnUnverifiedFirmware, OfTheConfigurationFailsTooAndIsNotApplied) {

@@ -205,8 +205,10 @@ TEST_F(UpdateJobStatus, WithoutACloudAddressLeavesTheStatusUnacknowledged) {
 TEST_F(UpdateJobStatus, HoldsNoLockOnReturn) {
     update(R"({"jobId":"77", "status":"success"})");
 
-    EXPECT_TRUE(job_file_mutex.try_lock());
-    job_file_mutex.unlock();
+    for (std::mutex *mutex : {&job_record_mutex, &job_file_mutex}) {
+        EXPECT_TRUE(mutex->try_lock());
+        mutex->unlock();
+    }
 }
 
 class WrongType : public UpdateJobStatus, public testing::WithParamInterface<const char *> {};
@@ -231,6 +233,22 @@ TEST_F(UpdateJobStatus, CatchesWhateverIsThrown) {
     EXPECT_EQ(log_lines().back(), (log_line{LOG_NOTICE, "update_job_status: exception handler"}));
     EXPECT_TRUE(job_file_mutex.try_lock());
     job_file_mutex.unlock();
+}
+
+// --- An end that is stored by other means
+
+TEST_F(UpdateJobStatus, LeavesItsStampToOthersToo) {
+    for (const char *before : {R"({"jobId":"77", "status":"failed"})",
+                               R"({"jobId":"77", "status":"failed", "ack":true, "ackId":5, "ackTs":4})"}) {
+        job = json(before);
+
+        stamp_status(job);
+
+        EXPECT_THAT(
+            job, IsJson(at(R"({"jobId":"77", "status":"failed", "ack":false, "ackId":NOW, "ackTs":NOW})")));
+    }
+    EXPECT_THAT(all_calls(), IsEmpty());
+    EXPECT_THAT(active_jobs(), IsEmpty());
 }
 
 // --- The failsafe configuration's job, which the device makes itself.

@@ -277,7 +277,7 @@ TEST_F(JobUpdate, ForAllLeavesNoLockBehind) {
 
     cloud_tells_all(R"({"connected":true})");
 
-    for (std::mutex *mutex : {&job_manager_mutex, &job_file_mutex}) {
+    for (std::mutex *mutex : {&job_manager_mutex, &job_record_mutex, &job_file_mutex}) {
         EXPECT_TRUE(mutex->try_lock());
         mutex->unlock();
     }

@@ -2,7 +2,6 @@
 #include "tests/unit/command_job_fixture.h"
 
 #include "actions/command_job.h"
-#include "agent/acknowledgements.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -346,23 +345,23 @@ TEST_F(ScriptJob, ThatAsksForARebootStoresItsSuccessWaitsAndReboots) {
     EXPECT_THAT(own_log_lines().back(), Info("reboot requested - delaying for 8 seconds"));
 }
 
-TEST_F(ScriptJob, ThatAsksForARebootStoresItsSuccessUnderTheSessionOfExecuted) {
+TEST_F(ScriptJob, ThatAsksForARebootStoresItsSuccessUnderASessionOfItsOwn) {
+    answer_command("timeout ", [](const std::string &) {
+        advance(60);
+        return 0;
+    });
     answer_command("/sbin/reboot", [](const std::string &) {
         throw fake_reboot{"reboot"};
         return 0;
     });
+
     EXPECT_THROW(run("true", R"({"reboot":true})"), fake_reboot);
+
     ASSERT_EQ(published().size(), 1U);
-    Json::Value answer;
-    answer["jobId"] = "77";
-    answer["session"] = published()[0].json["session"];
-    answer["rc"] = 200;
+    const int executed = published()[0].json["session"].asInt();
     EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"success", "ack":false})"));
-    EXPECT_EQ(active_job("77")["ackId"], answer["session"]);
-
-    job_pub_ack(client, test_message("v1/device/job/77/pub_ack", answer.toStyledString()).get());
-
-    EXPECT_THAT(active_job("77"), HasMembers(R"({"status":"success", "ack":true})"));
+    EXPECT_EQ(active_job("77")["ackId"], executed + 2 + 60); // the pause after the report, the script
+    EXPECT_EQ(active_job("77")["ackTs"], executed + 2 + 60);
 }
 
 TEST_F(ScriptJob, IsCleanedUpWhenTheRebootFails) {

@@ -239,7 +239,8 @@ protected:
 };
 
 TEST_F(NewFirmware, GoesBackForAnOlderJobThatHasNotEnded) {
-    given_active_job(R"({"jobId":"older", "action":"CMD", "status":"executed"})", START_TIME - 1000);
+    given_active_job(R"({"jobId":"older", "action":"CMD", "status":"executed", "ack":true, "ackId":1})",
+                     START_TIME - 1000);
     given_installed(fw_job());
     boot_new_firmware();
 
@@ -247,6 +248,12 @@ TEST_F(NewFirmware, GoesBackForAnOlderJobThatHasNotEnded) {
 
     EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
     EXPECT_EQ(active_job("older")["status"], "failed");
+    EXPECT_THAT(reported("older"), IsEmpty());
+
+    answer_command("orv-upgradefw", 1); // after the reboot, the firmware job is the oldest
+    let_repeats_be_due();
+    passes(2);
+    EXPECT_THAT(reported("older"), ListIs("failed"));
 }
 
 TEST_F(NewFirmware, IsAcceptedWithAYoungerJobThatWaits) {
@@ -298,7 +305,8 @@ TEST_F(NewFirmware, StaysWhenItsFailureIsCutBeforeTheFormerSlotIsSelected) {
 
 class FailsBeforeItsConfiguration : public NewFirmware, public testing::WithParamInterface<const char *> {
 protected:
-    void given_failing(bool acknowledged) {
+    // Failed and rebooted; "executed" was reported, and acknowledged or not.
+    void given_failed(bool acknowledged) {
         Json::Value sent = fw_job();
         if (std::string(GetParam()) == "OtherHash")
             sent["params"]["hashAtFwVer"] = "of another one";
@@ -306,40 +314,105 @@ protected:
         passes(1);
         if (acknowledged)
             acknowledge("fw-1");
-        session = active_job("fw-1")["ackId"].asInt();
+        session_of_executed = active_job("fw-1")["ackId"].asInt();
         boot_new_firmware();
         if (std::string(GetParam()) == "SameSlot")
             std::remove(ROOTFS2);
+        passes(1);
+        ASSERT_EQ(active_job("fw-1")["status"], "failed");
         fakes::reset_mqtt();
+        let_repeats_be_due();
     }
 
-    int session = 0;
+    void expect_reported_then_archived() {
+        passes(1);
+        const auto reports = published_on("v1/device/job/fw-1/ack");
+        ASSERT_EQ(reports.size(), 1U);
+        EXPECT_EQ(reports[0].json["params"]["status"], "failed");
+        EXPECT_GT(reports[0].json["session"].asInt(), session_of_executed);
+        acknowledge("fw-1");
+        passes(1);
+        EXPECT_THAT(archived_job("fw-1"), HasMembers(R"({"status":"failed", "ack":true})"));
+    }
+
+    int session_of_executed = 0;
 };
 
 INSTANTIATE_TEST_SUITE_P(Each, FailsBeforeItsConfiguration, testing::Values("OtherHash", "SameSlot"),
                          [](const auto &each) { return std::string(each.param); });
 
-TEST_P(FailsBeforeItsConfiguration, AndIsArchivedUnreportedWhenExecutedWasAcknowledged) {
-    given_failing(true);
+TEST_P(FailsBeforeItsConfiguration, AndIsReportedAfterTheRebootInASessionOfItsOwn) {
+    given_failed(true);
+    expect_reported_then_archived();
+}
 
-    passes(3);
+TEST_P(FailsBeforeItsConfiguration, AndIsReportedSoWhenExecutedWasNotAcknowledged) {
+    given_failed(false);
+    expect_reported_then_archived();
+}
+
+TEST_P(FailsBeforeItsConfiguration, AndIsNotAcknowledgedByALateAnswerToExecuted) {
+    given_failed(false);
+    Json::Value answer = json(R"({"jobId":"fw-1", "rc":200})");
+    answer["session"] = session_of_executed;
+
+    arrives("v1/device/job/fw-1/pub_ack", answer);
+    passes(2);
+
+    EXPECT_THAT(active_job("fw-1"), HasMembers(R"({"status":"failed", "ack":false})"));
+}
+
+TEST_F(WholeFirmwareJobs, WhosePowerFailsDuringTheDownloadIsReportedFailed) {
+    PersistentFiles disk;
+    answer_command("orv-upgradefw", [&](const std::string &) {
+        acknowledge("fw-1"); // "executed", minutes before
+        disk.save();
+        return 1;
+    });
+    send_job(fw_job());
+    passes(1);
+
+    disk.boot(); // into the former firmware
+    passes(1);
+    EXPECT_THAT(reboots(), ListIs("request_reboot_blocking"));
+    disk.save();
+    disk.boot();
+    fakes::reset_mqtt();
+    let_repeats_be_due();
+    passes(1);
+
+    EXPECT_THAT(reported("fw-1"), ListIs("failed"));
+    acknowledge("fw-1");
+    passes(1);
+    EXPECT_EQ(archived_job("fw-1")["status"], "failed");
+}
+
+TEST_F(WholeFirmwareJobs, OfTheModemNamedInParamsAloneIsArchivedUnreportedWhenExecutedWasAcknowledged) {
+    send_job(fw_job(R"("params":{"radio":true})"));
+    passes(1);
+    acknowledge("fw-1");
+    const Json::Value session = active_job("fw-1")["ackId"];
+    fakes::reset_mqtt();
+    let_repeats_be_due();
+
+    passes(2);
 
     EXPECT_THAT(archived_job("fw-1"), HasMembers(R"({"status":"failed", "ack":true})"));
     EXPECT_EQ(archived_job("fw-1")["ackId"], session);
-    ASSERT_THAT(published_topics(), ListIs("v1/device/cmd/checkin/apply"));
-    EXPECT_THAT(published()[0].json, IsJson(R"({"session":"iot-client"})"));
+    EXPECT_THAT(published_topics(), ListIs("v1/device/cmd/checkin/apply"));
 }
 
-TEST_P(FailsBeforeItsConfiguration, AndIsReportedWithTheSessionOfExecutedWhenThatWasNotAcknowledged) {
-    given_failing(false);
+TEST_F(WholeFirmwareJobs, OfTheModemNamedInParamsAloneIsReportedInTheSessionOfExecutedWhenThatWaits) {
+    send_job(fw_job(R"("params":{"radio":true})"));
+    passes(1);
+    const Json::Value session = active_job("fw-1")["ackId"];
+    fakes::reset_mqtt();
     let_repeats_be_due();
 
-    passes(3);
+    passes(2);
 
-    const auto reports = published_on("v1/device/job/fw-1/ack");
-    ASSERT_FALSE(reports.empty());
-    EXPECT_EQ(reports.back().json["params"]["status"], "failed");
-    EXPECT_EQ(reports.back().json["session"], session);
+    ASSERT_THAT(reported("fw-1"), ListIs("failed"));
+    EXPECT_EQ(published_on("v1/device/job/fw-1/ack")[0].json["session"], session);
 }
 
 TEST_F(NewFirmware, WhoseConfigurationFailsIsReportedAfterTheReboot) {
