@@ -213,6 +213,24 @@ TEST_F(Queue, TakesAJobThatIsClearedDuringTheArchivingOfAnotherForCorruptToo) {
     EXPECT_THAT(active_job("2"), HasMembers(R"({"status":"failed", "ack":false})"));
 }
 
+TEST_F(Queue, TakesAJobThatAnotherPassHasArchivedForCorruptToo) {
+    given_repeat_is_due();
+    given_job("1", "success", 30, R"(, "ack":true)");
+    given_job("2", "success", 20, R"(, "ack":true)");
+    bool archived = false;
+    fakes::mqtt().after_publish = [&archived](const fakes::published_message &) {
+        if (!std::exchange(archived, true))
+            archive_job_file(active_job("2")); // by the pass of an "/all/" update that came meanwhile
+    };
+
+    process_jobs(client);
+    run_passes(10);
+
+    EXPECT_THAT(archived_job("2"), HasMembers(R"({"status":"success"})"));
+    EXPECT_THAT(active_job("2"), HasMembers(R"({"status":"failed", "ack":false})"));
+    EXPECT_THAT(reported("2"), Contains("failed"));
+}
+
 TEST_F(Queue, DoesNotBringBackAJobThatIsClearedBetweenPasses) {
     given_job("1", "running", 30);
     given_job("2", "received", 20, UNANSWERED);
