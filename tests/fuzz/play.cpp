@@ -1,0 +1,365 @@
+#include "tests/fuzz/play.h"
+
+#include "agent/active_job_count.h"
+#include "config/config_files.h"
+#include "jobs/job_record.h"
+#include "jobs/job_status.h"
+#include "jobs/job_store.h"
+#include "jobs/manager/job_manager.h"
+#include "jobs/markers.h"
+#include "tests/fakes/clock.h"
+#include "tests/fakes/config.h"
+#include "tests/fakes/device.h"
+#include "tests/fakes/files.h"
+#include "tests/fakes/mqtt.h"
+#include "tests/fuzz/arrivals.h"
+#include "tests/fuzz/broken.h"
+#include "tests/fuzz/commands.h"
+#include "tests/fuzz/execution.h"
+#include "tests/fuzz/failures.h"
+#include "tests/fuzz/known_files.h"
+#include "tests/fuzz/reports.h"
+
+#include <algorithm>
+#include <charconv>
+#include <map>
+
+namespace fuzz {
+namespace {
+
+constexpr int MOST_ORDERS = 40;
+constexpr int MOST_BOOTS = 4;
+constexpr time_t LONGEST_WAIT = 1000;
+constexpr int MOST_PASSES = 10;
+
+const std::vector<std::string> FOLDERS = {
+    "/var/data",
+    "/var/data/.tmp",
+    "/var/data/orv",
+    "/var/data/orv/vantrel_iot",
+    "/var/data/orv/vantrel_iot/jobs",
+    "/var/data/orv/vantrel_iot/jobs/active",
+    "/var/data/orv/vantrel_iot/jobs/archive",
+    "/var/volatile",
+    "/var/volatile/.tmp",
+    "/var/volatile/orv",
+    "/var/volatile/config",
+    "/var/run",
+    "/tmp",
+};
+
+constexpr char RUNNING[] = R"({"hardware": {"leds": true}, "iot": {"vantrel_iot": {"enable": true, "port": 80, )"
+                           R"("protocol": "HTTP"}}, "network": {"wireless": {"cell": {"enable": false}}}, )"
+                           R"("system": {"failsafe": {"auto_mode": true, "destination_ip": "192.0.2.1", )"
+                           R"("enable": true, "timer": 2}}})";
+
+// What an input may put on the device, by the names that it has for it.
+const std::map<std::string_view, const char *> PLACES = {
+    {"active-copy", "/var/data/orv/ACTIVE_JOB"},
+    {"new", "/var/volatile/config/config.new"},
+    {"new-copy", "/var/data/orv/config.new"},
+    {"failsafe", "/var/data/orv/config.failsafe"},
+    {"staged", "/var/data/orv/config.staged"},
+    {"staged-hash", "/var/data/orv/config.staged.hash"},
+    {"updated", "/var/data/orv/FIRMWARE_UPDATED"},
+    {"local", "/var/data/orv/LOCAL_FW_UPGRADE"},
+    {"slot2", "/var/data/orv/ROOTFS2"},
+    {"timer", "/var/data/orv/FAILSAFE_TIMER"},
+    {"dialer", "/var/run/qtel-mgr.pid"},
+    {"local-job", "/var/data/orv/vantrel_iot/jobs/active/LOCAL_FW_UPGRADE"},
+};
+
+struct area {
+    const char *path;
+    std::vector<const char *> commands;
+};
+
+const std::vector<area> AREAS = {
+    {"hardware", {}},
+    {"iot", {"/bin/systemctl reload vtr-iot"}},
+    {"network.wireless.cell", {"/bin/systemctl reload qtel-mgr"}},
+    {"network.wireless.wifi", {"/usr/bin/cmd_wifi apply"}},
+    {"network.tunnels.ipsec", {}},
+    {"network.monitoring.multiwan", {}},
+    {"network.interfaces", {"/usr/bin/cmd_netgen apply --pulse-ethernet"}},
+    {"network.firewall", {"/usr/bin/cmd_firewall apply"}},
+    {"gps.gps", {"/bin/systemctl reload vtr-netwd"}},
+    {"apps", {}},
+    {"system", {"/usr/bin/other apply"}},
+};
+
+Json::Value member(const Json::Value &config, const std::string &path) {
+    Json::Value found;
+    const size_t dot = path.find('.');
+    if (!config.isObject())
+        return found;
+    found = config.get(path.substr(0, dot), Json::Value());
+    return dot == path.npos ? found : member(found, path.substr(dot + 1));
+}
+
+Json::Value list_changes(const Json::Value &before, const Json::Value &after) {
+    Json::Value changes(Json::arrayValue);
+    for (const area &one : AREAS) {
+        if (member(before, one.path) == member(after, one.path))
+            continue;
+        Json::Value change;
+        change["path"] = one.path;
+        change["cmd_apply"] = Json::Value(Json::arrayValue);
+        for (const char *command : one.commands)
+            change["cmd_apply"].append(command);
+        changes.append(change);
+    }
+    return changes;
+}
+
+int validate(const Json::Value &config, std::string &result) {
+    if (config.isObject() && !config.isMember("invalid"))
+        return 0;
+    result = "this configuration is invalid";
+    return -1;
+}
+
+Json::Value parsed(const std::string &text) try { return json(text); } catch (const std::exception &) {
+    return {};
+}
+
+long number(std::string_view text, long fallback) {
+    long value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return error == std::errc() ? value : fallback;
+}
+
+// What stands before the first mark, and after it.
+std::pair<std::string_view, std::string_view> split(std::string_view text, char mark) {
+    const size_t at = text.find(mark);
+    return at == text.npos ? std::pair{text, std::string_view()} : std::pair{text.substr(0, at), text.substr(at + 1)};
+}
+
+void replace_all(std::string &text, const std::string &from, const std::string &to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+}
+
+void remember(const std::string &topic, const Json::Value &payload) {
+    if (topic.find("attributes") != topic.npos)
+        arrived().take_attributes(payload);
+    else
+        arrived().take_job(payload);
+}
+
+bool is_free(std::mutex &mutex) {
+    const std::unique_lock lock(mutex, std::try_to_lock);
+    return lock.owns_lock();
+}
+
+void clear_flags() {
+    set_fw_job_executing(0);
+    set_config_job_executing(0);
+    set_radiofw_job_executing(0);
+    set_critical_job_executing(0);
+}
+
+// What boot does before it starts the agent.
+void make_running(const char *saved, const char *running) {
+    std::string text;
+    if (fakes::read_all(saved, text) == 0)
+        fakes::write_all(running, text);
+}
+
+// The agent itself never stored a job without an id, or with one that is no name.
+bool is_of_the_agent(const Json::Value &job) try {
+    return !job.isObject() || has_usable_job_id(job);
+} catch (const Json::Exception &) {
+    return false;
+}
+
+void judge_file(const std::string &folder, const std::string &name) {
+    const Json::Value job = file_json(folder + name);
+    if (!job.isObject())
+        broken("a job file that is no JSON object: " + folder + name);
+    if (name != ID_LOCAL_FW_UPGRADE && text_of(job, KEY_JOB_ID) != name)
+        broken("a job file named by another id: " + folder + name);
+}
+
+} // namespace
+
+play::play() : files(FOLDERS, is_known_file) {
+    const std::string hash = fakes::hash_of(json(RUNNING));
+    files.keep(SAVED_CONFIG.config, RUNNING);
+    files.keep(SAVED_CONFIG.hash, hash);
+    files.keep(RUNNING_CONFIG.config, RUNNING);
+    files.keep(RUNNING_CONFIG.hash, hash);
+    files.restore();
+}
+
+void play::begin() {
+    fakes::reset_mqtt();
+    fakes::reset_device();
+    fakes::reset_config();
+    let_all_work();
+    arrived().forget();
+    forget_reports();
+    shell() = {};
+    clear_flags();
+    fakes::device().run_command = run_known_command;
+    fakes::mqtt().after_publish = take_report;
+    fakes::config().list_changes = list_changes;
+    fakes::config().validate = validate;
+    fakes::config().database_texts = {{"SYS_FW_VER", "1.0.0"}, {"SYS_FW_LABEL", "one"}};
+    fakes::config().database_ints = {{"CELL_CONNECTED", 1}};
+    boots = 0;
+    clears = false;
+    over = false;
+    client.emplace("tessard", "localhost", 1883);
+    iot_client = &*client;
+}
+
+void play::judge_jobs() const {
+    if (time_is_up())
+        return;
+    for (const char *folder : {ACTIVE_FOLDER, ARCHIVE_FOLDER})
+        for (const std::string &name : names_in(folder))
+            judge_file(folder, name);
+}
+
+void play::end() {
+    iot_client = nullptr;
+    client.reset();
+}
+
+void play::restore() {
+    files.restore();
+}
+
+void play::start_agent() {
+    iot_client = nullptr;
+    client.emplace("tessard", "localhost", 1883);
+    clear_flags();
+    shell().rebooted = false;
+}
+
+template <typename deed> void play::act(const char *what, deed what_is_done) {
+    const auto before = names_in(ACTIVE_FOLDER);
+    try {
+        what_is_done();
+    } catch (...) {
+        broken(std::string("an exception came out of ") + what);
+    }
+    if (time_is_up()) {
+        over = true;
+        return;
+    }
+    judge_rest(before, clears);
+    if (shell().rebooted || !reboots().empty())
+        boot();
+}
+
+void play::judge_rest(const std::vector<std::string> &active_before, bool may_clear) const {
+    if (!is_free(client->message_mutex) || !is_free(job_manager_mutex) || !is_free(job_file_mutex))
+        broken("a mutex is held by nobody at work");
+    if (is_config_job_executing() || is_critical_job_executing())
+        broken("the flag of a job that has ended is set");
+    for (const std::string &name : active_before) {
+        const std::string path = ACTIVE_FOLDER + name;
+        const bool may_go = may_clear || name == ID_LOCAL_FW_UPGRADE || arrived().scripts.contains(path);
+        if (!may_go && !exists(path) && !exists(ARCHIVE_FOLDER + name))
+            broken("an active job is gone and not archived: " + name);
+    }
+}
+
+void play::deliver(const std::string &topic, const std::string &payload) {
+    remember(topic, parsed(payload.c_str())); // the handlers read up to a zero byte, too
+    const test_message message(topic, payload);
+    clears = topic.find("/CLEAR_ACTIVE_JOBS/") != topic.npos || topic.find("/CLEAR_RUNNING_JOB/") != topic.npos;
+    act("the message hook", [&] { client->derived_on_message(message.get()); });
+    clears = false;
+}
+
+void play::pass() {
+    act("a pass", [&] { process_jobs(*client); });
+}
+
+void play::wait(time_t seconds) {
+    advance(std::clamp<time_t>(seconds, 0, LONGEST_WAIT));
+}
+
+void play::count_jobs() {
+    act("the count of jobs", update_active_job_count);
+}
+
+void play::boot() {
+    if (++boots > MOST_BOOTS) {
+        over = true;
+        return;
+    }
+    fakes::reset_device();
+    fakes::device().run_command = run_known_command;
+    files.empty("/var/volatile/");
+    files.empty("/var/run/");
+    files.empty("/tmp/");
+    make_running(SAVED_CONFIG.config, RUNNING_CONFIG.config);
+    make_running(SAVED_CONFIG.hash, RUNNING_CONFIG.hash);
+    start_agent();
+    const auto at_rest = [] { return is_free(job_manager_mutex); };
+    act("the job manager", [&] { run_until(10, at_rest, [&] { job_mgr_main(*client); }); });
+    iot_client = &*client;
+}
+
+std::string play::filled(std::string_view text) const {
+    std::string whole(text);
+    replace_all(whole, "$SESSION", latest_session());
+    replace_all(whole, "$NOW", std::to_string(fakes::now()));
+    return whole;
+}
+
+void play::put_file(std::string_view name, const std::string &content) {
+    const auto place = PLACES.find(name);
+    const Json::Value job = parsed(content);
+    if (place == PLACES.end() || !is_of_the_agent(job))
+        return;
+    arrived().take_job(job);
+    fakes::write_all(place->second, content);
+}
+
+void play::obey_one(std::string_view name, std::string_view argument, std::string_view rest) {
+    if (name == "topic")
+        deliver(std::string(argument), filled(rest));
+    else if (name == "pass")
+        for (long left = std::min<long>(number(argument, 1), MOST_PASSES); left > 0 && !over; --left) {
+            wait(3);
+            pass();
+        }
+    else if (name == "wait")
+        wait(number(argument, 1));
+    else if (name == "count")
+        count_jobs();
+    else if (name == "boot")
+        boot();
+    else if (name == "status")
+        shell().next_status = static_cast<int>(number(argument, 1) & 0xff);
+    else if (name == "fail")
+        let_fail(std::string(argument));
+    else if (name == "work")
+        let_all_work();
+    else if (name == "device")
+        fakes::device().device_type = static_cast<int>(number(argument, 1));
+    else if (name == "file")
+        put_file(argument, filled(rest));
+    else
+        over = true;
+}
+
+void play::obey(std::string_view orders) {
+    for (int count = 0; count < MOST_ORDERS && !over && orders.starts_with('@'); ++count) {
+        const size_t next = orders.find("\n@");
+        const std::string_view one = orders.substr(1, next == orders.npos ? next : next - 1);
+        const auto [line, rest] = split(one, '\n');
+        const auto [name, argument] = split(line, ' ');
+        obey_one(name, argument, rest);
+        if (next == orders.npos)
+            return;
+        orders.remove_prefix(next + 1);
+    }
+}
+
+} // namespace fuzz
