@@ -2,18 +2,10 @@
 
 #include "jobs/job_record.h"
 
+#include <algorithm>
 #include <memory>
 
 namespace {
-
-std::string up_to_a_zero(const std::string &text) {
-    return text.c_str();
-}
-
-void take(std::set<std::string> &texts, const std::string &text) {
-    texts.insert(text);
-    texts.insert(up_to_a_zero(text));
-}
 
 Json::Value parsed(const std::string &text) try {
     const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
@@ -21,6 +13,18 @@ Json::Value parsed(const std::string &text) try {
     return reader->parse(text.data(), text.data() + text.size(), &value, nullptr) ? value : Json::Value();
 } catch (const Json::Exception &) {
     return {};
+}
+
+bool is_ascii(const std::string &text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+// As it came, up to its first zero byte, and as a job file holds it: there what is no UTF-8 is replaced.
+void take(std::set<std::string> &texts, const std::string &text) {
+    texts.insert(text);
+    texts.insert(text.c_str());
+    if (!is_ascii(text))
+        texts.insert(parsed(Json::Value(text).toStyledString()).asString());
 }
 
 } // namespace

@@ -9,8 +9,8 @@
 namespace fuzz {
 
 struct arrivals {
-    // Ids of jobs, those that the device makes itself among them; each as it came, and up to its first zero byte,
-    // which is as far as a C function reads it.
+    // Each text as it came, up to its first zero byte, which is as far as a C function reads it, and as a job file has it.
+    // Ids of jobs, those that the device makes itself among them.
     std::set<std::string> ids;
     std::set<std::string> urls;    // members "value", of which a firmware job makes arguments
     std::set<std::string> scripts; // members "script_file": a clean-up deletes what is named there

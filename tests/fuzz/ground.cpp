@@ -79,6 +79,17 @@ void ground::empty_folder(const kept_folder &folder, bool keeping) const {
     }
 }
 
+std::vector<std::string> ground::names_in(const std::string &path) const {
+    const auto folder = std::find_if(folders_.begin(), folders_.end(),
+                                     [&](const kept_folder &one) { return one.path == path + "/"; });
+    std::vector<std::string> names;
+    rewinddir(folder->stream);
+    while (const dirent *entry = readdir(folder->stream))
+        if (entry->d_type != DT_DIR)
+            names.emplace_back(entry->d_name);
+    return names;
+}
+
 void ground::put_back(kept_file &file) const {
     if (file.stamp.inode != 0 && same(stamp_of(file.path), file.stamp))
         return;

@@ -31,7 +31,10 @@ public:
     // Removes what is not kept, and puts back what is. Broken when a file is not known, and when a folder was made.
     void restore();
 
-    // The same below one path only, and without putting anything back: what a reboot does to a file system in RAM.
+    // The names of the files in one of the folders.
+    std::vector<std::string> names_in(const std::string &path) const;
+
+    // Removes all below one path, and puts nothing back: what a reboot does to a file system in RAM.
     void empty(const std::string &below);
 
 private:

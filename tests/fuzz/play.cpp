@@ -32,14 +32,17 @@ constexpr int MOST_BOOTS = 4;
 constexpr time_t LONGEST_WAIT = 1000;
 constexpr int MOST_PASSES = 10;
 
+constexpr char ACTIVE_JOBS[] = "/var/data/orv/vantrel_iot/jobs/active";
+constexpr char ARCHIVED_JOBS[] = "/var/data/orv/vantrel_iot/jobs/archive";
+
 const std::vector<std::string> FOLDERS = {
     "/var/data",
     "/var/data/.tmp",
     "/var/data/orv",
     "/var/data/orv/vantrel_iot",
     "/var/data/orv/vantrel_iot/jobs",
-    "/var/data/orv/vantrel_iot/jobs/active",
-    "/var/data/orv/vantrel_iot/jobs/archive",
+    ACTIVE_JOBS,
+    ARCHIVED_JOBS,
     "/var/volatile",
     "/var/volatile/.tmp",
     "/var/volatile/orv",
@@ -217,9 +220,9 @@ void play::begin() {
 void play::judge_jobs() const {
     if (time_is_up())
         return;
-    for (const char *folder : {ACTIVE_FOLDER, ARCHIVE_FOLDER})
-        for (const std::string &name : names_in(folder))
-            judge_file(folder, name);
+    for (const char *folder : {ACTIVE_JOBS, ARCHIVED_JOBS})
+        for (const std::string &name : files.names_in(folder))
+            judge_file(std::string(folder) + "/", name);
 }
 
 void play::end() {
@@ -239,7 +242,7 @@ void play::start_agent() {
 }
 
 template <typename deed> void play::act(const char *what, deed what_is_done) {
-    const auto before = names_in(ACTIVE_FOLDER);
+    const auto before = files.names_in(ACTIVE_JOBS);
     try {
         what_is_done();
     } catch (...) {
@@ -254,7 +257,7 @@ template <typename deed> void play::act(const char *what, deed what_is_done) {
         boot();
 }
 
-void play::judge_rest(const std::vector<std::string> &active_before, bool may_clear) const {
+void play::judge_rest(const std::vector<std::string> &active_before, bool may_clear) {
     if (!is_free(client->message_mutex) || !is_free(job_manager_mutex) || !is_free(job_file_mutex))
         broken("a mutex is held by nobody at work");
     if (is_config_job_executing() || is_critical_job_executing())

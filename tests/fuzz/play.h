@@ -60,7 +60,7 @@ private:
     void start_agent();
     // Runs a deed of the agent and judges it, and boots when it has rebooted the device.
     template <typename deed> void act(const char *what, deed what_is_done);
-    void judge_rest(const std::vector<std::string> &active_before, bool may_clear) const;
+    void judge_rest(const std::vector<std::string> &active_before, bool may_clear);
 
     ground files;
     std::optional<tessard> client;

@@ -105,7 +105,8 @@ Json::Value parsed(const std::string &text) try { return json(text); } catch (co
 } // namespace
 
 extern "C" int socket(int domain, int type, int protocol) noexcept {
-    if (domain != AF_INET || type == SOCK_DGRAM)
+    constexpr int KIND = 0xf; // the rest are flags
+    if (domain != AF_INET || (type & KIND) != SOCK_STREAM)
         return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
     open_connection();
     return client_end;
