@@ -58,8 +58,9 @@ bool skip_character(std::string_view text, size_t &at) {
     const size_t more = first >= 0xf0 ? 3 : first >= 0xe0 ? 2 : 1;
     if (first < 0xc2 || first > 0xf4 || text.size() - at <= more)
         return false;
-    const bool too_long_or_no_character = (first == 0xe0 && byte(1) < 0xa0) || (first == 0xed && byte(1) > 0x9f) ||
-                                          (first == 0xf0 && byte(1) < 0x90) || (first == 0xf4 && byte(1) > 0x8f);
+    const bool too_long_or_no_character =
+        (first == 0xe0 && byte(1) < 0xa0) || (first == 0xed && byte(1) > 0x9f) ||
+        (first == 0xf0 && byte(1) < 0x90) || (first == 0xf4 && byte(1) > 0x8f);
     for (size_t i = 1; i <= more; ++i)
         if ((byte(i) & 0xc0) != 0x80)
             return false;

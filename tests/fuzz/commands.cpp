@@ -34,14 +34,10 @@ const std::unordered_set<text> MARKS = {
 
 // Of the agent itself, and of the change lists that play.cpp gives.
 const std::unordered_set<text> SERVICES = {
-    "/usr/bin/cmd_netgen apply",
-    "/usr/bin/cmd_netgen apply --pulse-ethernet",
-    "/usr/bin/cmd_firewall apply",
-    "/usr/bin/cmd_wifi apply",
-    "/usr/bin/cmd_wifi reload",
-    "/usr/bin/cmd_ipsec restart",
-    "/bin/systemctl reload qtel-mgr",
-    "/usr/bin/other apply",
+    "/usr/bin/cmd_netgen apply",      "/usr/bin/cmd_netgen apply --pulse-ethernet",
+    "/usr/bin/cmd_firewall apply",    "/usr/bin/cmd_wifi apply",
+    "/usr/bin/cmd_wifi reload",       "/usr/bin/cmd_ipsec restart",
+    "/bin/systemctl reload qtel-mgr", "/usr/bin/other apply",
 };
 
 // What stands between the two, if the text begins and ends so.
@@ -56,7 +52,8 @@ bool is_arrived_id(text id) {
 }
 
 bool is_digits(text word) {
-    return !word.empty() && std::all_of(word.begin(), word.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return !word.empty() &&
+           std::all_of(word.begin(), word.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 long number(text word) {
@@ -190,8 +187,7 @@ bool upgrade_modem(text command, int &status) {
 }
 
 bool count_jobs(text command) {
-    if (command !=
-        "/bin/ls /var/data/orv/vantrel_iot/jobs/active/ | /usr/bin/wc -l > /tmp/.active_job_count")
+    if (command != "/bin/ls /var/data/orv/vantrel_iot/jobs/active/ | /usr/bin/wc -l > /tmp/.active_job_count")
         return false;
     write("/tmp/.active_job_count", std::to_string(names_in(ACTIVE_FOLDER).size()));
     return true;
@@ -203,8 +199,9 @@ bool is_one_word(const std::string &name) {
 }
 
 bool select_oldest_job(text command) {
-    if (command != "/bin/ls -ltd $(find /var/data/orv/vantrel_iot/jobs/active/ -type f) | tail -1|awk -Factive/ "
-                   "'{print $2}' > /tmp/.jobfile_select")
+    if (command !=
+        "/bin/ls -ltd $(find /var/data/orv/vantrel_iot/jobs/active/ -type f) | tail -1|awk -Factive/ "
+        "'{print $2}' > /tmp/.jobfile_select")
         return false;
     std::string oldest;
     time_t modified = 0;

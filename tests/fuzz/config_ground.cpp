@@ -31,11 +31,12 @@ namespace fuzz {
 namespace {
 
 constexpr std::string_view FILES[] = {
-    conf::RUNNING_CONFIG,  conf::RUNNING_HASH,       conf::NEW_CONFIG,      conf::NEW_HASH,
-    conf::EDITED_CONFIG,   conf::EDITED_BASE_HASH,   conf::APPLY_STATUS,    conf::META_FILE,
-    conf::STORED_CONFIG,   conf::HARDWARE_SETTINGS,  conf::STORED_HASH,     conf::STORED_META_FILE,
-    conf::STORED_HARDWARE, conf::STORED_NEW_CONFIG,  conf::CONFIG_MODIFIED, conf::APPLY_EVENTS,
-    vtrsec::DEVICE_KEY,    INPUT_FILE,
+    conf::RUNNING_CONFIG,    conf::RUNNING_HASH,      conf::NEW_CONFIG,
+    conf::NEW_HASH,          conf::EDITED_CONFIG,     conf::EDITED_BASE_HASH,
+    conf::APPLY_STATUS,      conf::META_FILE,         conf::STORED_CONFIG,
+    conf::HARDWARE_SETTINGS, conf::STORED_HASH,       conf::STORED_META_FILE,
+    conf::STORED_HARDWARE,   conf::STORED_NEW_CONFIG, conf::CONFIG_MODIFIED,
+    conf::APPLY_EVENTS,      vtrsec::DEVICE_KEY,      INPUT_FILE,
 };
 
 bool is_known(const std::string &path) {
@@ -58,8 +59,8 @@ ground config_ground() {
     ground files({"/var/data", "/var/data/.tmp", "/var/data/orv", "/var/data/orv/vantrel_iot",
                   "/var/data/orv/vantrel_iot/jobs", "/var/data/orv/vantrel_iot/jobs/active",
                   "/var/data/orv/vantrel_iot/jobs/archive", "/var/data/factory", "/var/volatile",
-                  "/var/volatile/.tmp", "/var/volatile/orv", "/var/volatile/config", conf::META_FOLDER, "/var/run",
-                  "/var/run/.tmp", "/tmp", "/tmp/.tmp"},
+                  "/var/volatile/.tmp", "/var/volatile/orv", "/var/volatile/config", conf::META_FOLDER,
+                  "/var/run", "/var/run/.tmp", "/tmp", "/tmp/.tmp"},
                  is_known);
     std::string fault;
     const Json::Value delivered = read_json(CMD_SOURCE "/default-config.json");

@@ -33,7 +33,8 @@ Json::Value changes_from(const char *former) {
 
 std::string stored_hash() {
     char hash[128] = "";
-    must(calculate_and_write_config_hash(conf::NEW_CONFIG, conf::NEW_HASH) == 0, "a hash that cannot be written");
+    must(calculate_and_write_config_hash(conf::NEW_CONFIG, conf::NEW_HASH) == 0,
+         "a hash that cannot be written");
     must(read_hash(conf::NEW_HASH, hash) == 0, "a hash that cannot be read");
     return hash;
 }
@@ -42,10 +43,12 @@ std::string stored_hash() {
 void judge_no_object(const std::string &text) {
     Json::Value changes;
     bool changed = false;
-    must(get_config_change_list(conf::RUNNING_CONFIG, conf::NEW_CONFIG, changes) != 0, "changes to no JSON object");
+    must(get_config_change_list(conf::RUNNING_CONFIG, conf::NEW_CONFIG, changes) != 0,
+         "changes to no JSON object");
     must(changes.isArray() && changes.empty(), "a list of changes to no JSON object");
     must(calculate_and_write_config_hash(conf::NEW_CONFIG, conf::NEW_HASH) != 0, "a hash of no JSON object");
-    must(encode_encrypt_fields_config_file(conf::NEW_CONFIG, &changed) != 0 && !changed, "no JSON object encoded");
+    must(encode_encrypt_fields_config_file(conf::NEW_CONFIG, &changed) != 0 && !changed,
+         "no JSON object encoded");
     must(fuzz::read_file(conf::NEW_CONFIG) == text, "a document that cannot be read was written over");
 }
 

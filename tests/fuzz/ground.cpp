@@ -16,8 +16,8 @@ namespace {
 constexpr char TEMPORARY[] = ".tmp/";
 
 bool same(const file_stamp &one, const file_stamp &other) {
-    return one.inode == other.inode && one.size == other.size &&
-           one.changed.tv_sec == other.changed.tv_sec && one.changed.tv_nsec == other.changed.tv_nsec;
+    return one.inode == other.inode && one.size == other.size && one.changed.tv_sec == other.changed.tv_sec &&
+           one.changed.tv_nsec == other.changed.tv_nsec;
 }
 
 file_stamp stamp_of(const std::string &path) {
@@ -52,7 +52,8 @@ void ground::keep(const std::string &path, const std::string &text) {
 }
 
 bool ground::is_kept(const std::string &path) const {
-    return std::any_of(files.begin(), files.end(), [&](const kept_file &file) { return file.path == path; }) ||
+    return std::any_of(files.begin(), files.end(),
+                       [&](const kept_file &file) { return file.path == path; }) ||
            std::any_of(folders_.begin(), folders_.end(),
                        [&](const kept_folder &folder) { return folder.path == path + "/"; });
 }

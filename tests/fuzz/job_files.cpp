@@ -30,7 +30,9 @@ Json::Value parsed(const std::string &text) try { return json(text); } catch (co
     return {};
 }
 
-bool is_usable(const Json::Value &job) try { return has_usable_job_id(job); } catch (const Json::Exception &) {
+bool is_usable(const Json::Value &job) try {
+    return has_usable_job_id(job);
+} catch (const Json::Exception &) {
     return false;
 }
 

@@ -36,8 +36,7 @@ const std::unordered_set<std::string_view> FILES = {
 };
 
 constexpr std::string_view FOLDERS_OF_IDS[] = {
-    "/var/data/orv/vantrel_iot/jobs/active/",
-    "/var/data/orv/vantrel_iot/jobs/archive/",
+    "/var/data/orv/vantrel_iot/jobs/active/", "/var/data/orv/vantrel_iot/jobs/archive/",
     "/var/volatile/orv/", // scripts and their pid files, beside the markers
 };
 constexpr std::string_view OUTPUT = "/tmp/cli_output_";

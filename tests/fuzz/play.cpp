@@ -51,10 +51,11 @@ const std::vector<std::string> FOLDERS = {
     "/tmp",
 };
 
-constexpr char RUNNING[] = R"({"hardware": {"leds": true}, "iot": {"vantrel_iot": {"enable": true, "port": 80, )"
-                           R"("protocol": "HTTP"}}, "network": {"wireless": {"cell": {"enable": false}}}, )"
-                           R"("system": {"failsafe": {"auto_mode": true, "destination_ip": "192.0.2.1", )"
-                           R"("enable": true, "timer": 2}}})";
+constexpr char RUNNING[] =
+    R"({"hardware": {"leds": true}, "iot": {"vantrel_iot": {"enable": true, "port": 80, )"
+    R"("protocol": "HTTP"}}, "network": {"wireless": {"cell": {"enable": false}}}, )"
+    R"("system": {"failsafe": {"auto_mode": true, "destination_ip": "192.0.2.1", )"
+    R"("enable": true, "timer": 2}}})";
 
 // What an input may put on the device, by the names that it has for it.
 const std::map<std::string_view, const char *> PLACES = {
@@ -135,7 +136,8 @@ long number(std::string_view text, long fallback) {
 // What stands before the first mark, and after it.
 std::pair<std::string_view, std::string_view> split(std::string_view text, char mark) {
     const size_t at = text.find(mark);
-    return at == text.npos ? std::pair{text, std::string_view()} : std::pair{text.substr(0, at), text.substr(at + 1)};
+    return at == text.npos ? std::pair{text, std::string_view()}
+                           : std::pair{text.substr(0, at), text.substr(at + 1)};
 }
 
 void replace_all(std::string &text, const std::string &from, const std::string &to) {
@@ -273,7 +275,8 @@ void play::judge_rest(const std::vector<std::string> &active_before, bool may_cl
 void play::deliver(const std::string &topic, const std::string &payload) {
     remember(topic, parsed(payload.c_str())); // the handlers read up to a zero byte, too
     const test_message message(topic, payload);
-    clears = topic.find("/CLEAR_ACTIVE_JOBS/") != topic.npos || topic.find("/CLEAR_RUNNING_JOB/") != topic.npos;
+    clears =
+        topic.find("/CLEAR_ACTIVE_JOBS/") != topic.npos || topic.find("/CLEAR_RUNNING_JOB/") != topic.npos;
     act("the message hook", [&] { client->derived_on_message(message.get()); });
     clears = false;
 }

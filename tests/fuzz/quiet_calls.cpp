@@ -31,7 +31,8 @@ void record(call_kind, const std::string &, const std::string &) {}
 
 void change(const std::string &function, const std::string &text) {
     static const std::unordered_set<std::string> ON_ONE_FILE = {"write_json_file", "create_pidfile"};
-    static const std::unordered_set<std::string> ON_TWO_FILES = {"copy_file", "calculate_and_write_config_hash"};
+    static const std::unordered_set<std::string> ON_TWO_FILES = {"copy_file",
+                                                                 "calculate_and_write_config_hash"};
     if (ON_ONE_FILE.contains(function))
         fuzz::must_be_known(text, function);
     else if (ON_TWO_FILES.contains(function))

@@ -40,7 +40,7 @@ void forget_reports() {
 
 void take_report(const fakes::published_message &message) {
     static const std::unordered_set<std::string_view> REQUESTS = {
-        "v1/device/cmd/checkin/apply",  "v1/device/config/publish/0",    "v1/device/cmd/cfgpush/apply",
+        "v1/device/cmd/checkin/apply",  "v1/device/config/publish/0",   "v1/device/cmd/cfgpush/apply",
         "v1/device/cmd/filepull/apply", "v1/device/cmd/filepush/apply",
     };
     const std::string_view topic = message.topic;

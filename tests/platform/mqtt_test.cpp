@@ -517,8 +517,9 @@ TEST(MqttJson, RefusesWhatIsNot) {
 
 TEST(MqttJson, TakesEveryCharacter) {
     test_client client;
-    for (const std::string text : {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbf",
-                                   "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf", "\xc3\xa4\xe2\x82\xac"}) {
+    for (const std::string text :
+         {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbf",
+          "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf", "\xc3\xa4\xe2\x82\xac"}) {
         Json::Value value;
         EXPECT_TRUE(client.deserialize("\"" + text + "\"", value));
         EXPECT_EQ(value, text);

@@ -170,9 +170,8 @@ TEST_F(JobApply, TakesEveryOtherIdUnchanged) {
                            "\"\xc3\xa4\"", "\"\xef\xbf\xbd\""})
         cloud_sends(std::string("{\"jobId\":") + id + "}");
 
-    EXPECT_THAT(active_jobs(),
-                testing::UnorderedElementsAre(".77", "7.7", "77.", "a b", "$(reboot)", "7\\7", "78",
-                                              "\xc3\xa4", "\xef\xbf\xbd"));
+    EXPECT_THAT(active_jobs(), testing::UnorderedElementsAre(".77", "7.7", "77.", "a b", "$(reboot)", "7\\7",
+                                                             "78", "\xc3\xa4", "\xef\xbf\xbd"));
     EXPECT_EQ(active_job("78")["jobId"], 78);
 }
 
