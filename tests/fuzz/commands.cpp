@@ -32,7 +32,7 @@ const std::unordered_set<text> MARKS = {
     "echo 1 > /var/volatile/orv/CRITICAL_JOB_EXECUTING",
 };
 
-// Of the agent itself, and of the change lists that play.cpp gives.
+// Of the agent itself, and of the change lists of areas.cpp.
 const std::unordered_set<text> SERVICES = {
     "/usr/bin/cmd_netgen apply",      "/usr/bin/cmd_netgen apply --pulse-ethernet",
     "/usr/bin/cmd_firewall apply",    "/usr/bin/cmd_wifi apply",

@@ -11,7 +11,7 @@
 //   @fail FUNCTION   a function of the platform fails from now on: ping_test, write_json_file, system, ...
 //   @work            all of them work again
 //   @device N        the device's type
-//   @file NAME       puts a file there, with what follows as its content: NAME is one of play.cpp's table
+//   @file NAME       puts a file there, with what follows as its content: NAME is one of orders.cpp's table
 //
 // In payloads and contents $SESSION is the session of the latest report, $NOW the time. What follows the first order
 // that is none, or the fortieth, is not looked at.
