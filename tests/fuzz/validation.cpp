@@ -31,6 +31,11 @@ std::string verdict() {
     return text;
 }
 
+// Two members of one name are told to whoever wrote the file; encoding it keeps the last, as all other readers do.
+bool has_a_name_twice(const std::string &text) {
+    return text.find("Duplicate key") != text.npos;
+}
+
 // What others cannot read is not valid, and what is encoded is judged as it was.
 void judge() {
     const std::string text = verdict();
@@ -40,8 +45,8 @@ void judge() {
         fuzz::broken("what is no JSON object is valid");
     bool changed = false;
     encode_encrypt_fields_config_file(conf::NEW_CONFIG, &changed);
-    if (changed && verdict() != text)
-        fuzz::broken("encoded, it is judged otherwise");
+    if (changed && !has_a_name_twice(text) && verdict() != text)
+        fuzz::broken("encoded, it is judged otherwise: " + text + "\nnow: " + verdict());
 }
 
 } // namespace
