@@ -142,8 +142,11 @@ int mqtt_orv::start_mqtt_connection() {
 }
 
 std::string mqtt_orv::serialize(const Json::Value &value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
+    static const Json::StreamWriterBuilder builder = [] {
+        Json::StreamWriterBuilder one_line;
+        one_line["indentation"] = "";
+        return one_line;
+    }();
     return Json::writeString(builder, value);
 }
 

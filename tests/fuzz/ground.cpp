@@ -44,18 +44,13 @@ ground::ground(const std::vector<std::string> &folders, std::function<bool(const
         if (stream == nullptr)
             broken("no folder " + path);
         folders_.push_back({path + "/", stream});
+        kept.insert(path);
     }
 }
 
 void ground::keep(const std::string &path, const std::string &text) {
     files.push_back({path, text, {}});
-}
-
-bool ground::is_kept(const std::string &path) const {
-    return std::any_of(files.begin(), files.end(),
-                       [&](const kept_file &file) { return file.path == path; }) ||
-           std::any_of(folders_.begin(), folders_.end(),
-                       [&](const kept_folder &folder) { return folder.path == path + "/"; });
+    kept.insert(path);
 }
 
 void ground::empty_folder(const kept_folder &folder, bool keeping) const {
@@ -66,11 +61,11 @@ void ground::empty_folder(const kept_folder &folder, bool keeping) const {
             continue;
         const std::string path = folder.path + name;
         if (entry->d_type == DT_DIR) {
-            if (!is_kept(path))
+            if (!kept.contains(path))
                 broken("a folder was made: " + path);
             continue;
         }
-        if (keeping && is_kept(path))
+        if (keeping && kept.contains(path))
             continue;
         if (folder.path.ends_with(TEMPORARY))
             broken("a temporary file was left: " + path);

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace fuzz {
@@ -48,12 +49,12 @@ private:
         file_stamp stamp;
     };
 
-    bool is_kept(const std::string &path) const;
     void empty_folder(const kept_folder &folder, bool keeping) const;
     void put_back(kept_file &file) const;
 
     std::vector<kept_folder> folders_;
     std::vector<kept_file> files;
+    std::unordered_set<std::string> kept; // the paths of both
     std::function<bool(const std::string &)> known;
 };
 

@@ -77,11 +77,14 @@ void make_running(const char *saved, const char *running) {
         fakes::write_all(running, text);
 }
 
+// The job of a local upgrade is not the agent's: an input puts anything there.
 void judge_file(const std::string &folder, const std::string &name) {
+    if (name == ID_LOCAL_FW_UPGRADE)
+        return;
     const Json::Value job = file_json(folder + name);
     if (!job.isObject())
         broken("a job file that is no JSON object: " + folder + name);
-    if (name != ID_LOCAL_FW_UPGRADE && text_of(job, KEY_JOB_ID) != name)
+    if (text_of(job, KEY_JOB_ID) != name)
         broken("a job file named by another id: " + folder + name);
 }
 

@@ -27,8 +27,11 @@ void judge_status(const fakes::published_message &message) {
         broken("a report of a status that is not reported: " + message.payload);
     if (message.json["method"] != "updateJob")
         broken("a report without its method: " + message.payload);
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
+    static const Json::StreamWriterBuilder builder = [] {
+        Json::StreamWriterBuilder one_line;
+        one_line["indentation"] = "";
+        return one_line;
+    }();
     session = Json::writeString(builder, message.json["session"]);
 }
 
