@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ranges>
+#include <sstream>
 #include <vector>
 
 #include <dirent.h>
@@ -44,6 +45,15 @@ int compare_job_mtime(const dirent **a, const dirent **b) {
     return a_info.st_mtime < b_info.st_mtime ? 1 : 0;
 }
 
+// A job file holds UTF-8: other bytes of an id are replaced in it, and it would bear another id than its name. A zero
+// byte ends a name before the id does.
+bool survives_storing(const std::string &id) {
+    std::istringstream stored(Json::writeString(Json::StreamWriterBuilder(), id));
+    Json::Value read;
+    return id.find('\0') == id.npos &&
+           Json::parseFromStream(Json::CharReaderBuilder(), stored, &read, nullptr) && read == id;
+}
+
 // scandir's result. size() is -1 when the directory cannot be read.
 class job_dir_listing {
 public:
@@ -78,7 +88,8 @@ bool has_usable_job_id(const Json::Value &job) {
     if (!job.isMember(KEY_JOB_ID))
         return false;
     const std::string id = job[KEY_JOB_ID].asString();
-    return !id.empty() && id != "." && id.find('/') == id.npos && id.find("..") == id.npos;
+    return !id.empty() && id != "." && id.find('/') == id.npos && id.find("..") == id.npos &&
+           survives_storing(id);
 }
 
 int write_job_file(const Json::Value &job) {

@@ -33,7 +33,8 @@ std::string active_job_path(const std::string &job_id);
 // The record's "jobId" as text, empty when it has none; creates no member.
 std::string job_id_of(const Json::Value &job);
 
-// The record has a "jobId" that can be a file name: not empty, not "." or "..", without "/" and "..".
+// The record has a "jobId" that can be a file name: not empty, not "." or "..", without "/" and "..", in UTF-8 without
+// a zero byte.
 // Throws Json::Exception when the record is no object, or the id no text or number.
 bool has_usable_job_id(const Json::Value &job);
 

@@ -20,6 +20,15 @@ namespace {
 
 constexpr size_t LINE_MAX_LENGTH = 255;
 
+const Json::CharReaderBuilder &whole_documents() {
+    static const Json::CharReaderBuilder builder = [] {
+        Json::CharReaderBuilder whole;
+        whole["failIfExtra"] = true;
+        return whole;
+    }();
+    return builder;
+}
+
 } // namespace
 
 namespace fakes {
@@ -95,9 +104,7 @@ int read_json_file(const char *path, Json::Value &value) try {
     std::string text;
     if (fakes::read_all(path, text) != 0)
         return -1;
-    Json::CharReaderBuilder builder;
-    builder["failIfExtra"] = true;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    const std::unique_ptr<Json::CharReader> reader(whole_documents().newCharReader());
     Json::Value parsed;
     if (!reader->parse(text.data(), text.data() + text.size(), &parsed, nullptr))
         return -1;

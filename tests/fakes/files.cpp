@@ -57,8 +57,11 @@ std::vector<std::string> names_in(const std::string &folder) {
 }
 
 Json::Value json(const std::string &text) {
-    Json::CharReaderBuilder builder;
-    builder["failIfExtra"] = true;
+    static const Json::CharReaderBuilder builder = [] {
+        Json::CharReaderBuilder whole;
+        whole["failIfExtra"] = true;
+        return whole;
+    }();
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value value;
     std::string error;

@@ -12,9 +12,12 @@ namespace {
 fakes::mqtt_state state_now;
 
 bool parse(const std::string &text, Json::Value &value) try {
-    Json::CharReaderBuilder builder;
-    builder["allowComments"] = false;
-    builder["failIfExtra"] = true;
+    static const Json::CharReaderBuilder builder = [] {
+        Json::CharReaderBuilder whole;
+        whole["allowComments"] = false;
+        whole["failIfExtra"] = true;
+        return whole;
+    }();
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     return reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
 } catch (const Json::Exception &) {
@@ -139,8 +142,11 @@ int mqtt_orv::start_mqtt_connection() {
 }
 
 std::string mqtt_orv::serialize(const Json::Value &value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
+    static const Json::StreamWriterBuilder builder = [] {
+        Json::StreamWriterBuilder one_line;
+        one_line["indentation"] = "";
+        return one_line;
+    }();
     return Json::writeString(builder, value);
 }
 

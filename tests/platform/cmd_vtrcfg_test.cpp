@@ -110,6 +110,14 @@ TEST_F(Vtrcfg, SetWhereThereIsNoPlaceIsTrouble) {
     EXPECT_FALSE(exists(conf::EDITED_CONFIG));
 }
 
+TEST_F(Vtrcfg, SetOfWhatIsNoUtf8IsTrouble) {
+    EXPECT_EQ(vtrcfg("set system.general.location \xff").code, 2);
+    EXPECT_EQ(vtrcfg("set --text system.general.location \xed\xa0\x80").code, 2);
+    EXPECT_EQ(vtrcfg("set system.\xe3 5").code, 2);
+    EXPECT_FALSE(exists(conf::EDITED_CONFIG));
+    EXPECT_EQ(vtrcfg("set system.general.location \xc3\xa4").code, 0);
+}
+
 TEST_F(Vtrcfg, SecretsAreKeptEncodedAndShownOnDemand) {
     EXPECT_EQ(vtrcfg(std::string("set ") + PASSPHRASE + " 'a long secret'").code, 0);
     EXPECT_THAT(read_text(conf::EDITED_CONFIG), Not(HasSubstr("a long secret")));

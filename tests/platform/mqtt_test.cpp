@@ -494,6 +494,18 @@ TEST(MqttJson, RefusesWhatIsNot) {
                                             "\"abc\\",
                                             "[1 2]",
                                             "\xff",
+                                            "\"\xff\"",
+                                            "\"\xc3\"",
+                                            "\"\xc3(\"",
+                                            "\"\xc0\x80\"",
+                                            "\"\xe0\x80\x80\"",
+                                            "\"\xed\xa0\x80\"",
+                                            "\"\xf0\x80\x80\x80\"",
+                                            "\"\xf4\x90\x80\x80\"",
+                                            "{\"\xe2\x82\":1}",
+                                            R"("\ud83d")",
+                                            R"("\ude00")",
+                                            R"("a\uDE00\ud83d")",
                                             std::string("{}\0", 3),
                                             std::string("{}\0{", 4)};
     for (const std::string &text : texts) {
@@ -501,6 +513,20 @@ TEST(MqttJson, RefusesWhatIsNot) {
         EXPECT_FALSE(client.deserialize(text, value)) << text;
         EXPECT_EQ(value, "before");
     }
+}
+
+TEST(MqttJson, TakesEveryCharacter) {
+    test_client client;
+    for (const std::string text :
+         {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbf",
+          "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf", "\xc3\xa4\xe2\x82\xac"}) {
+        Json::Value value;
+        EXPECT_TRUE(client.deserialize("\"" + text + "\"", value));
+        EXPECT_EQ(value, text);
+    }
+    Json::Value value;
+    EXPECT_TRUE(client.deserialize(R"("\ud83d\ude00\\ude00\uD83D\uDE00")", value));
+    EXPECT_EQ(value, "\xf0\x9f\x98\x80\\ude00\xf0\x9f\x98\x80");
 }
 
 TEST(MqttJson, RefusesADepthThatNobodySends) {

@@ -162,14 +162,16 @@ INSTANTIATE_TEST_SUITE_P(Each, UnusableId,
                          Values("", "\"jobId\":\"\",", "\"jobId\":null,", "\"jobId\":\".\",",
                                 "\"jobId\":\"..\",", "\"jobId\":\"../77\",", "\"jobId\":\"a/b\",",
                                 "\"jobId\":\"/77\",", "\"jobId\":\"77/\",", "\"jobId\":\"7..7\",",
-                                "\"jobId\":\"..77\",", "\"jobId\":\"77..\","));
+                                "\"jobId\":\"..77\",", "\"jobId\":\"77..\",", "\"jobId\":\"7\\u00007\",",
+                                "\"jobId\":\"7\xff\",", "\"jobId\":\"7\\udc00\","));
 
 TEST_F(JobApply, TakesEveryOtherIdUnchanged) {
-    for (const char *id : {"\".77\"", "\"7.7\"", "\"77.\"", "\"a b\"", "\"$(reboot)\"", "\"7\\\\7\"", "78"})
+    for (const char *id : {"\".77\"", "\"7.7\"", "\"77.\"", "\"a b\"", "\"$(reboot)\"", "\"7\\\\7\"", "78",
+                           "\"\xc3\xa4\"", "\"\xef\xbf\xbd\""})
         cloud_sends(std::string("{\"jobId\":") + id + "}");
 
-    EXPECT_THAT(active_jobs(),
-                testing::UnorderedElementsAre(".77", "7.7", "77.", "a b", "$(reboot)", "7\\7", "78"));
+    EXPECT_THAT(active_jobs(), testing::UnorderedElementsAre(".77", "7.7", "77.", "a b", "$(reboot)", "7\\7",
+                                                             "78", "\xc3\xa4", "\xef\xbf\xbd"));
     EXPECT_EQ(active_job("78")["jobId"], 78);
 }
 

@@ -47,6 +47,8 @@ int get(const std::string &path, bool plain, bool edited) {
 }
 
 int set(const std::string &path, const std::string &value, bool as_text) {
+    if (!is_utf8(path) || !is_utf8(value))
+        throw trouble("PATH and VALUE have to be UTF-8");
     Json::Value parsed;
     if (as_text || !parse_json(value, parsed))
         parsed = value;
