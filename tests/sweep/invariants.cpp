@@ -57,6 +57,10 @@ std::vector<report> reports_of(const evidence &seen) {
     return all;
 }
 
+bool is_lost_record(const entry &each) {
+    return each.kind == entry_kind::LOST && each.text == "record";
+}
+
 // Not those that a power cut has taken while their message was being handled.
 std::set<std::string> stored_jobs(const evidence &seen) {
     std::set<std::string> ids;
@@ -66,7 +70,7 @@ std::set<std::string> stored_jobs(const evidence &seen) {
             not_taken_yet.insert(each.what);
         else if (each.kind == entry_kind::HANDLED)
             not_taken_yet.clear();
-        else if (each.kind == entry_kind::LOST && not_taken_yet.count(each.what) != 0)
+        else if (is_lost_record(each) && not_taken_yet.count(each.what) != 0)
             ids.erase(each.what);
     }
     return ids;
@@ -166,7 +170,7 @@ breakages arrived_jobs_are_stored(const evidence &seen) {
     for (const entry &each : seen.ledger) {
         if (const std::string id = job_in(each); !id.empty())
             arrived = id;
-        else if (each.kind == entry_kind::STORED)
+        else if (each.kind == entry_kind::STORED || (each.kind == entry_kind::LOST && each.text == "move"))
             active.insert(each.what);
         else if (each.kind == entry_kind::CHANGE && each.what == "rename" && each.text.rfind(ACTIVE, 0) == 0)
             active.erase(each.text.substr(ACTIVE.size(), each.text.find(' ') - ACTIVE.size()));
@@ -245,7 +249,7 @@ breakages final_statuses_stay(const evidence &seen) {
             stored_as.clear();
             told_as.clear();
         }
-        if (each.kind == entry_kind::LOST)
+        if (is_lost_record(each))
             stored_as.erase(each.what);
         if (const auto told = report_in(each); told && is_final(told->status))
             told_as[told->job_id] = told->status;
@@ -269,7 +273,7 @@ breakages archive_holds_the_last(const evidence &seen) {
     for (const entry &each : seen.ledger) {
         if (each.kind == entry_kind::STORED)
             stored[each.what] = each.text;
-        else if (each.kind == entry_kind::LOST)
+        else if (is_lost_record(each))
             stored.erase(each.what);
     }
     for (const auto &[id, text] : stored)

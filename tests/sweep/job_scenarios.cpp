@@ -24,6 +24,11 @@ scenario restless(scenario given, time_t seconds = 120) {
     return given;
 }
 
+scenario among_locks(scenario given) {
+    given.needs_record_lock = true;
+    return given;
+}
+
 input plain_job(time_t at, const std::string &id, const std::string &rest) {
     return message(at, "v1/device/job/" + id + "/apply", R"({"jobId":")" + id + "\"" + rest + "}");
 }
@@ -49,6 +54,11 @@ std::vector<scenario> scripts() {
         {"two queued",
          {script_job(5, "77", "sleep 5"), script_job(7, "78", "exit 1")},
          {archived("77", "success"), archived("78", "failed")}},
+        among_locks(
+            {"passes on both threads",
+             {script_job(5, "77", "sleep 5"), script_job(7, "78", "exit 1"), cloud_is_connected(6),
+              cloud_is_connected(9), cloud_is_connected(14), cloud_is_connected(20), cloud_is_connected(26)},
+             {archived("77", "success"), archived("78", "failed")}}),
         {"a critical script",
          {script_job(5, "77", "# JOB PRIORITY CRITICAL\nsleep 5")},
          {archived("77", "received")}},

@@ -20,7 +20,7 @@ enum class entry_kind {
     REPLACED, // a file was replaced as a whole: its path and content
     WRITTEN,  // a file was written in place: its path and content
     SYNCED,   // all that was written before is on the flash
-    LOST,     // by a power cut: the last record of this job that was not on the flash
+    LOST,     // by a power cut: of this job the "record" that was stored last, or its "move" to the archive
 };
 
 struct entry {

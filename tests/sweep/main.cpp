@@ -1,8 +1,9 @@
 // sweep [OPTION...] GROUP...
 //                          sweeps the groups of scenarios; exits with 1 when something broke
 //       --every N          cuts before every so many changes only
+//       --first            goes no further when something broke
 //       --stall-locks      holds threads up at locks, reads of job files and equal times too
-//       --pairs N          cuts about one recovery in N again, chosen by --seed N (else by the time)
+//       --pairs N          cuts about one recovery in N again (0: none), chosen by --seed N (else by the time)
 //       --results FOLDER   writes what it has found there, for page.py
 //       --all-pairs        cuts every recovery again, before each of its changes
 // sweep --show GROUP SCENARIO [CHANGE KIND [VARIANT]]
@@ -80,13 +81,15 @@ bool take_option(std::vector<std::string> &words, options &wanted, std::string &
     if (name == "--every")
         wanted.every = std::max(1L, value);
     else if (name == "--pairs")
-        wanted.one_pair_in = std::max(1L, value);
+        wanted.one_pair_in = std::max(0L, value);
     else if (name == "--seed")
         wanted.seed = static_cast<uint64_t>(value);
     else if (name == "--results")
         results_folder = words[1];
     else if (name == "--all-pairs")
         wanted.all_pairs = true;
+    else if (name == "--first")
+        wanted.first = true;
     else if (name == "--stall-locks")
         wanted.stall_locks = true;
     else

@@ -129,7 +129,7 @@ def page(groups):
             totals(groups) +
             '<h2>Broken</h2>' + broken_table(groups) + '<h2>Scenarios and cuts</h2>' + key +
             "".join(group_of(group) for group in groups) +
-            '<h2>Excused</h2><p>Each by its scenario, its kinds of cut and this very outcome; any other is broken.</p>' +
+            '<h2>Excused</h2><p>Each by its scenario, its kinds of cut and this very outcome, no other.</p>' +
             excused_table(groups) + '</html>\n')
 
 

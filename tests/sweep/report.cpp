@@ -106,7 +106,7 @@ int print_stale(const known_exception &each, const std::vector<finding> &all, co
     for (const char *scenario : each.scenarios) {
         for (const restart kind : ALL_KINDS) {
             const bool tried = kind != restart::HELD || wanted.stall_locks;
-            if (!each.cuts.has(kind) || !tried || wanted.every != 1)
+            if (!each.cuts.has(kind) || !tried || wanted.every != 1 || wanted.first)
                 continue;
             if (std::any_of(all.begin(), all.end(),
                             [&](const finding &found) { return excuses(each, found, scenario, kind); }))
@@ -137,10 +137,15 @@ int sweep_group(const scenario_group &group, const options &wanted, const std::s
     print_head(group);
     std::vector<scenario_result> results;
     std::vector<finding> all;
+    bool broken_already = false;
     for (const scenario &given : group.scenarios) {
+        if ((given.needs_record_lock && !wanted.stall_locks) || (wanted.first && broken_already))
+            continue;
         results.push_back(sweep_scenario(given, group.exceptions, wanted));
         print_row(results.back());
         all.insert(all.end(), results.back().findings.begin(), results.back().findings.end());
+        broken_already |=
+            std::any_of(all.begin(), all.end(), [](const finding &each) { return each.known == nullptr; });
     }
     if (!results_folder.empty() &&
         !write_results(results_folder + "/" + group.name + ".json", group, results, wanted.every))

@@ -15,12 +15,10 @@ constexpr int MOST_LIVES = 12;
 
 constexpr char ONCE_MORE[] = "rebooted once more";
 
-// The record of a job, wherever it lies; empty when there is none.
-std::string record_in(const tree &files, const std::string &id) {
-    for (const std::string folder : {ACTIVE_FOLDER, ARCHIVE_FOLDER})
-        if (const auto found = files.find(folder + id); found != files.end())
-            return found->second.text;
-    return "";
+// Where the record of a job lies, and what it holds; nothing when there is none.
+tree::const_iterator record_in(const tree &files, const std::string &id) {
+    const auto found = files.find(ACTIVE_FOLDER + id);
+    return found != files.end() ? found : files.find(ARCHIVE_FOLDER + id);
 }
 
 void tell_losses(const tree &left) {
@@ -29,9 +27,14 @@ void tell_losses(const tree &left) {
     for (const std::string folder : {ACTIVE_FOLDER, ARCHIVE_FOLDER})
         for (const std::string &id : names_in(folder))
             ids.insert(id);
-    for (const std::string &id : ids)
-        if (record_in(whole, id) != record_in(left, id))
-            write_ledger(entry_kind::LOST, id);
+    for (const std::string &id : ids) {
+        const auto had = record_in(whole, id);
+        const auto has = record_in(left, id);
+        if (has == left.end() || has->second.text != had->second.text)
+            write_ledger(entry_kind::LOST, id, "record");
+        if (has != left.end() && has->first != had->first)
+            write_ledger(entry_kind::LOST, id, "move");
+    }
 }
 
 } // namespace

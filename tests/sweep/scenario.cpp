@@ -36,6 +36,10 @@ input clear_running_job(time_t at) {
     return message(at, "v1/device/job/CLEAR_RUNNING_JOB/apply", "");
 }
 
+input cloud_is_connected(time_t at) {
+    return message(at, "v1/device/job/all/update", R"({"connected":true})");
+}
+
 input file(time_t at, const std::string &path, const std::string &text) {
     return {at, "file " + path, "", [path, text] { put_file(path, text); }, text};
 }

@@ -33,6 +33,7 @@ input script_job(time_t at, const std::string &job_id, const std::string &body,
                  const std::string &more_params = "");
 input clear_active_jobs(time_t at);
 input clear_running_job(time_t at);
+input cloud_is_connected(time_t at); // a pass over the jobs on the first thread
 input file(time_t at, const std::string &path, const std::string &text);
 input disk_full(time_t at);
 input disk_free(time_t at);
@@ -75,6 +76,10 @@ struct scenario {
     std::vector<job_end> ends = {};
 
     cloud_manner cloud = acknowledges_at_once();
+
+    // Left out unless threads are held up at locks: two threads that read and write a record break it until they
+    // exclude each other.
+    bool needs_record_lock = false;
 
     // A device that writes job files in place: what the sweep must find.
     bool writes_in_place = false;

@@ -71,10 +71,13 @@ public:
         reference.live_to_the_end();
         keep(reference.found, {}, {}, "");
         result.changes = changes_of(read_ledger());
-        walk();
+        if (!goes_no_further())
+            walk();
     }
 
 private:
+    bool goes_no_further() const { return wanted.first && is_broken; }
+
     void walk() {
         run trunk(given, result.lives);
         trunk.stops_at = {1, static_cast<long>(result.changes.size()), wanted.stall_locks};
@@ -86,7 +89,7 @@ private:
 
     void try_all(run &trunk, life &stopped) {
         const long number = changes_so_far() + 1;
-        if ((number - 1) % wanted.every != 0)
+        if ((number - 1) % wanted.every != 0 || goes_no_further())
             return;
         const std::string before = stopped.stopped_before();
         const standing here = trunk.stands();
@@ -198,6 +201,7 @@ private:
         for (const breakage &each : broken) {
             finding found{given.name, each.invariant, each.text, where, then, change, nullptr};
             found.known = known(found, exceptions);
+            is_broken |= found.known == nullptr;
             result.findings.push_back(std::move(found));
         }
     }
@@ -208,6 +212,7 @@ private:
     scenario_result &result;
     std::mt19937_64 chance;
     std::map<uint64_t, std::vector<breakage>> known_recoveries;
+    bool is_broken = false;
     const cut *then_of = nullptr; // within a pair: a recovery is cut again once only
 };
 

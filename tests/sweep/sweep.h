@@ -43,6 +43,7 @@ struct scenario_result {
 
 struct options {
     long every = 1;           // above 1: only before every so many changes
+    bool first = false;       // goes no further when something broke
     bool stall_locks = false; // threads are held up at locks, reads of job files and ties too
 
     // How many of the recoveries are cut again: all, before each of their changes, or about one in so many, before one
