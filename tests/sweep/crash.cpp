@@ -90,7 +90,8 @@ void clean_up() {
 } // namespace
 
 const char *name_of(restart kind) {
-    static constexpr const char *NAMES[] = {"kill", "reboot", "power", "torn", "stall", "held", "none"};
+    static constexpr const char *NAMES[] = {"kill",  "reboot", "power", "torn",
+                                            "stall", "held",   "none",  "again"};
     return NAMES[static_cast<int>(kind)];
 }
 

@@ -15,6 +15,7 @@ enum class restart {
     STALL,     // nothing ends: the thread alone is held up before the change, the other goes on
     HELD,      // the same at a lock, or before a job file is read; at a tie the other thread goes first
     NONE,      // a run without a cut
+    AGAIN,     // of an exception: a recovery was cut again
 };
 
 const char *name_of(restart kind);

@@ -4,6 +4,7 @@
 #include "tests/sweep/names.h"
 
 #include "tests/fakes/files.h"
+#include "tests/sweep/firmware.h"
 
 #include <algorithm>
 
@@ -51,6 +52,8 @@ breakages ends_as_it_says(const evidence &seen) {
                              [&](const job_end &end) { return end.job_id == id; }))
                 broken.push_back("job " + id + " is " + found_of(id) +
                                  ", and the scenario does not speak of it");
+    if (!seen.given.slot.empty() && booted_slot() != seen.given.slot)
+        broken.push_back("slot " + booted_slot() + " runs; expected: " + seen.given.slot);
     return broken;
 }
 

@@ -30,7 +30,7 @@ private:
     size_t count;
 };
 
-// The kinds of cut, at least one; restart::NONE is the run without any.
+// The kinds of cut, at least one; restart::NONE is the run without any, restart::AGAIN any two.
 class cut_kinds {
 public:
     template <class... More>

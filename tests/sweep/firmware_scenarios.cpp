@@ -97,11 +97,12 @@ scenario rebooted_late(const std::string &name) {
     return given;
 }
 
-scenario local_upgrade(const std::string &name, const std::string &former = FORMER) {
+scenario local_upgrade(const std::string &name, const std::string &slot, const std::string &former = FORMER) {
     scenario given;
     given.name = name;
     given.inputs = {{5, "a local upgrade", "", upgrade_locally}};
     given.ends = {gone("LOCAL_FW_UPGRADE")};
+    given.slot = slot;
     given.former = former;
     given.boots_once_more = true;
     return given;
@@ -147,10 +148,10 @@ std::vector<scenario> upgrades() {
 
 std::vector<scenario> others() {
     return {
-        local_upgrade("a local upgrade"),
-        local_upgrade("a local upgrade, configuration refused", compact(invalid())),
-        with_tool(local_upgrade("a local upgrade, not installed"), {109, false, true}),
-        uncleaned(local_upgrade("a local upgrade, boot cleans nothing")),
+        local_upgrade("a local upgrade", "2"),
+        local_upgrade("a local upgrade, configuration refused", "1", compact(invalid())),
+        with_tool(local_upgrade("a local upgrade, not installed", "1"), {109, false, true}),
+        uncleaned(local_upgrade("a local upgrade, boot cleans nothing", "2")),
         restless(modem("modem firmware", true, true, active("66", "executed"))),
         modem("modem firmware, params only", true, false, archived("66", "failed")),
         restless(modem("modem firmware, top level only", false, true, active("66", "executed"))),

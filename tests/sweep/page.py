@@ -21,7 +21,7 @@ i.untried { background: #e6e6e6; } .key i { display: inline-block; width: 10px; 
 .broken-text { color: #b0231a; } .small { color: #666; font-size: .9em; }
 """
 KINDS = {"none": "no cut", "kill": "kill", "reboot": "reboot", "power": "power cut", "torn": "torn write",
-         "stall": "thread held up", "held": "held up at a lock, a read or a tie"}
+         "stall": "thread held up", "held": "held up at a lock, a read or a tie", "again": "cut again"}
 
 
 def text(value):

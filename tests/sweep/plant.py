@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """plant.py [--build FOLDER] [--every N] [NAME...]: does the sweep find what is broken on purpose?
 
-Each file of defects/ is one defect: a line that says what it is, the groups of scenarios to sweep, and a patch. In a copy
-of this tree (in FOLDER, by default build/defects) each is applied, built and swept until something breaks, and taken out
-again. Prints a table of what found it; ends with 1 when one was not found or could not be planted.
+Each file of defects/ is one defect: a line that says what it is, the groups of scenarios to sweep, and a patch. In a
+copy of this tree (in FOLDER, by default build/defects) each is applied, built and swept until something breaks, and
+taken out again. Prints a table of what found it; ends with 1 when one was not found or could not be planted.
 """
 import argparse
 import re

@@ -13,7 +13,7 @@ namespace {
 constexpr restart KINDS[] = {restart::KILL, restart::REBOOT, restart::POWER_CUT,
                              restart::TORN, restart::STALL,  restart::HELD};
 constexpr restart ALL_KINDS[] = {restart::NONE, restart::KILL,  restart::REBOOT, restart::POWER_CUT,
-                                 restart::TORN, restart::STALL, restart::HELD};
+                                 restart::TORN, restart::STALL, restart::HELD,   restart::AGAIN};
 
 void print_head(const scenario_group &group) {
     std::printf("%-44s%8s%8s%7s%7s   cuts tried/broken/broken as known\n%-74s", group.name.c_str(), "changes",
@@ -105,7 +105,9 @@ int print_stale(const known_exception &each, const std::vector<finding> &all, co
     int stale = 0;
     for (const char *scenario : each.scenarios) {
         for (const restart kind : ALL_KINDS) {
-            const bool tried = kind != restart::HELD || wanted.stall_locks;
+            const bool tried = kind == restart::HELD    ? wanted.stall_locks
+                               : kind == restart::AGAIN ? wanted.all_pairs
+                                                        : true;
             if (!each.cuts.has(kind) || !tried || wanted.every != 1 || wanted.first)
                 continue;
             if (std::any_of(all.begin(), all.end(),

@@ -48,7 +48,7 @@ Json::Value to_json(const known_exception &each, const std::vector<scenario_resu
     for (const char *name : each.scenarios)
         all["scenarios"].append(name);
     for (const restart kind : {restart::NONE, restart::KILL, restart::REBOOT, restart::POWER_CUT,
-                               restart::TORN, restart::STALL, restart::HELD})
+                               restart::TORN, restart::STALL, restart::HELD, restart::AGAIN})
         if (each.cuts.has(kind))
             all["kinds"].append(name_of(kind));
     all["invariant"] = each.invariant;

@@ -75,6 +75,9 @@ struct scenario {
     // The end that gives it its name, job by job; checked in the run without a cut. No other job is left then.
     std::vector<job_end> ends = {};
 
+    // The firmware slot that runs then; empty: the ends tell.
+    std::string slot = "";
+
     cloud_manner cloud = acknowledges_at_once();
 
     // Left out unless threads are held up at locks: two threads that read and write a record break it until they

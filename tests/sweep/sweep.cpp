@@ -223,7 +223,7 @@ std::vector<restart> kinds_of(const finding &found) {
         return {restart::NONE};
     if (!found.then)
         return {found.where->kind};
-    return {found.where->kind, found.then->kind};
+    return {found.where->kind, found.then->kind, restart::AGAIN};
 }
 
 scenario_result sweep_scenario(const scenario &given, const std::vector<known_exception> &exceptions,

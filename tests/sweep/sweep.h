@@ -28,7 +28,7 @@ struct finding {
     const known_exception *known = nullptr;
 };
 
-// Of its one or two cuts; NONE when there was none.
+// Of its one cut, or of both and AGAIN; NONE when there was none.
 std::vector<restart> kinds_of(const finding &found);
 
 struct scenario_result {
