@@ -14,11 +14,17 @@ namespace sweep {
 
 namespace {
 
+// What a run without a cut ends in, one in which a thread was held up at a lock may end in too.
+bool covers(const cut_kinds &cuts, restart kind) {
+    return cuts.has(kind) || (kind == restart::HELD && cuts.has(restart::NONE));
+}
+
 bool matches(const known_exception &exception, const finding &found) {
     const auto kinds = kinds_of(found);
     return exception.scenarios.has(found.scenario) && exception.invariant == found.invariant &&
-           exception.outcome == found.text &&
-           std::any_of(kinds.begin(), kinds.end(), [&](restart kind) { return exception.cuts.has(kind); });
+           exception.outcome == found.text && std::any_of(kinds.begin(), kinds.end(), [&](restart kind) {
+               return covers(exception.cuts, kind);
+           });
 }
 
 const known_exception *known(const finding &found, const std::vector<known_exception> &exceptions) {
