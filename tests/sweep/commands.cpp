@@ -4,6 +4,7 @@
 #include "tests/fakes/clock.h"
 #include "tests/fakes/device.h"
 #include "tests/fakes/files.h"
+#include "tests/sweep/crash.h"
 #include "tests/sweep/firmware.h"
 #include "tests/sweep/ledger.h"
 #include "tests/sweep/scheduler.h"
@@ -32,6 +33,14 @@ std::map<std::string, bool> script_killed;
 
 int write_line(const std::string &path, const std::string &line) {
     return fakes::write_all(path, line + "\n") == 0 ? 0 : COMMAND_FAILED;
+}
+
+// A line of a shell that writes a file, which is empty first.
+int echo_into(const std::string &path, const std::string &line) {
+    if (write_in_place(path, "") != 0)
+        return COMMAND_FAILED;
+    fakes::change("echo", path);
+    return write_in_place(path, line + "\n") == 0 ? 0 : COMMAND_FAILED;
 }
 
 struct script {
@@ -124,7 +133,7 @@ struct known_command {
 const std::vector<known_command> &known_commands() {
     static const std::vector<known_command> ALL = {
         {std::regex("(?:/bin/)?echo '?([^']*?)'? > ([^ ]+)"),
-         [](const std::smatch &parts) { return write_line(parts[2], parts[1]); }},
+         [](const std::smatch &parts) { return echo_into(parts[2], parts[1]); }},
         {std::regex("timeout ([0-9]+) /bin/sh ([^ ]+)"),
          [](const std::smatch &parts) { return run_script(parts[2], std::stol(parts[1])); }},
         {std::regex("/bin/sh ([^ ]+)"),

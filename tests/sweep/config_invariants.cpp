@@ -51,11 +51,16 @@ bool is_of_job(const Json::Value &config, const Json::Value &job, const scenario
     return is_candidate(config, given);
 }
 
+// What a way back leads to.
+Json::Value copy_to_keep(const scenario &given) {
+    return json(given.failsafe_copy.empty() ? given.former : given.failsafe_copy);
+}
+
 bool follows(const Json::Value &config, const std::vector<Json::Value> &jobs, const scenario &given) {
     const auto last_success = std::find_if(jobs.rbegin(), jobs.rend(),
                                            [](const Json::Value &job) { return job["status"] == "success"; });
     const bool last_failed = !jobs.empty() && last_success != jobs.rbegin();
-    if (last_failed && config == file_json(FAILSAFE))
+    if (last_failed && exists(FAILSAFE) && config == copy_to_keep(given))
         return true;
     return last_success == jobs.rend() ? config == json(given.former)
                                        : is_of_job(config, *last_success, given);
@@ -76,8 +81,25 @@ breakages end_tells_configuration(const evidence &seen) {
         return {};
     std::string ends;
     for (const Json::Value &job : jobs)
-        ends += (ends.empty() ? "" : ", ") + job["status"].asString();
+        ends += (ends.empty() ? "" : ", ") + job["jobId"].asString() + " " + job["status"].asString();
     return {"after " + ends + " the persistent configuration is " + known_as(saved, seen.given)};
+}
+
+// The copy that lay there before the apply.
+bool is_first_copy(const Json::Value &copy, const scenario &given) {
+    return std::any_of(given.inputs.begin(), given.inputs.end(), [&](const input &each) {
+        return each.text == "file " + FAILSAFE && copy == json(each.content);
+    });
+}
+
+// An apply that was cut before it made its copy leaves the first one.
+breakages failsafe_copy_is_right(const evidence &seen) {
+    const Json::Value copy = file_json(FAILSAFE);
+    const bool right = copy == copy_to_keep(seen.given) ||
+                       (seen.when != moment::WITHOUT_CUT && is_first_copy(copy, seen.given));
+    if (!exists(FAILSAFE) || right)
+        return {};
+    return {"the failsafe copy is " + known_as(copy, seen.given)};
 }
 
 breakages running_is_persistent(const evidence &seen) {
@@ -109,7 +131,7 @@ breakages hashes_match(const evidence &seen) {
     breakages broken;
     check_hash(SAVED, "/var/data/orv/config.hash", broken);
     check_hash(FAILSAFE, FAILSAFE + ".hash", broken);
-    if (!seen.at_cut)
+    if (seen.when != moment::AT_CUT)
         check_hash(RUNNING, RUNNING + ".hash", broken);
     return broken;
 }
@@ -128,11 +150,12 @@ breakages nothing_of_an_apply_is_left(const evidence &) {
 
 std::vector<invariant> config_invariants() {
     return {
-        {CONFIG_ENDS, false, end_tells_configuration},
-        {PERSISTENT, false, running_is_persistent},
-        {SERVICES, false, services_follow},
-        {HASHES, true, hashes_match},
-        {NO_APPLY_LEFT, false, nothing_of_an_apply_is_left},
+        {CONFIG_ENDS, moment::AT_REST, end_tells_configuration},
+        {WAY_BACK, moment::AT_REST, failsafe_copy_is_right},
+        {PERSISTENT, moment::AT_REST, running_is_persistent},
+        {SERVICES, moment::AT_REST, services_follow},
+        {HASHES, moment::AT_CUT, hashes_match},
+        {NO_APPLY_LEFT, moment::AT_REST, nothing_of_an_apply_is_left},
     };
 }
 

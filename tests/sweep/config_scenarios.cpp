@@ -80,19 +80,23 @@ std::vector<input> operator+(std::vector<input> first, const std::vector<input> 
     return first;
 }
 
-scenario by_job(const std::string &name, const Json::Value &config) {
+scenario by_job(const std::string &name, const Json::Value &config, const std::string &status,
+                const std::string &msg) {
     scenario given;
     given.name = name;
     given.inputs = {config_job(5, "55", config)};
+    given.ends = {archived("55", status, msg)};
     given.former = FORMER;
     given.candidates = {compact(config)};
     given.boots_once_more = true;
     return given;
 }
 
-scenario by_request(const std::string &name, const Json::Value &config, const std::vector<input> &more = {}) {
-    scenario given = by_job(name, config);
+scenario by_request(const std::string &name, const Json::Value &config, const std::string &status,
+                    const std::string &msg, const std::vector<input> &more = {}) {
+    scenario given = by_job(name, config, status, msg);
     given.inputs = requested(REQUESTED, config) + more;
+    given.ends = {archived("FAILSAFE_CONFIG", status, msg)};
     return given;
 }
 
@@ -107,11 +111,28 @@ scenario where(scenario given, std::function<void()> each_life) {
     return given;
 }
 
+Json::Value older() {
+    return with_member(json(FORMER), "apps", "list", "of an older configuration");
+}
+
+// A copy of an older configuration lies there already.
 scenario kept_failsafe_copy(scenario given) {
-    const Json::Value old = with_member(json(FORMER), "apps", "list", "of an older configuration");
+    const Json::Value old = older();
     given.inputs.insert(given.inputs.begin(),
                         {file(1, "/var/data/orv/config.failsafe", compact(old)),
                          file(1, "/var/data/orv/config.failsafe.hash", fakes::hash_of(old))});
+    return given;
+}
+
+// Without auto_mode it stays.
+scenario keeps_copy(scenario given) {
+    given.failsafe_copy = compact(older());
+    return given;
+}
+
+// Nothing can be reported until the next boot.
+scenario without_host(scenario given) {
+    given.ends.front().where = job_end::place::ACTIVE;
     return given;
 }
 
@@ -119,9 +140,15 @@ void timer_cannot_be_written() {
     fakes::always_returns("write_json_file", -1, "FAILSAFE_TIMER");
 }
 
+constexpr char APPLIED[] = "config has been applied (no failsafe)";
+constexpr char ABORTED[] = "cmd apply aborted";
+constexpr char VERIFIED[] = "failsafe config verified";
+constexpr char EXPIRED[] = "failsafe timer expired, reverting to config.failsafe";
+
 scenario second_request(const std::string &when, time_t at) {
     const Json::Value second = with_member(changed(), "apps", "list", "two");
-    scenario given = by_request("a second one during the " + when, changed(), requested(at, second));
+    scenario given =
+        by_request("a second one during the " + when, changed(), "success", APPLIED, requested(at, second));
     given.candidates.push_back(compact(second));
     return given;
 }
@@ -129,25 +156,30 @@ scenario second_request(const std::string &when, time_t at) {
 // What the first one leaves must not get in its way.
 scenario two_jobs() {
     const Json::Value second = with_member(changed(), "apps", "list", "two");
-    scenario given = by_job("two, one after the other", changed());
+    scenario given = by_job("two, one after the other", changed(), "success", APPLIED);
     given.inputs.push_back(config_job(8, "56", second));
+    given.ends.push_back(archived("56", "success", APPLIED));
     given.candidates.push_back(compact(second));
     return given;
 }
 
 std::vector<scenario> without_failsafe() {
     return {
-        by_job("a good one", changed()),
-        by_request("a good one, requested", changed()),
-        by_job("one without changes", json(FORMER)),
-        by_job("one that is invalid", with_member(changed(), "invalid", "yes", true)),
-        by_job("one whose hardware cannot be applied", with_member(changed(), "hardware", "broken", true)),
-        by_request("aborted before the validation", changed(), {abort_request(BEFORE_VALIDATION)}),
-        by_request("aborted during the validation", changed(), {abort_request(DURING_VALIDATION)}),
+        by_job("a good one", changed(), "success", APPLIED),
+        by_request("a good one, requested", changed(), "success", APPLIED),
+        by_job("one without changes", json(FORMER), "success", "config matches current device config"),
+        by_job("one that is invalid", with_member(changed(), "invalid", "yes", true), "failed",
+               "config validation failed"),
+        by_job("one whose hardware cannot be applied", with_member(changed(), "hardware", "broken", true),
+               "failed", "failure applying new config"),
+        by_request("aborted before the validation", changed(), "failed", ABORTED,
+                   {abort_request(BEFORE_VALIDATION)}),
+        by_request("aborted during the validation", changed(), "failed", ABORTED,
+                   {abort_request(DURING_VALIDATION)}),
         second_request("validation", DURING_VALIDATION),
         second_request("restarts", DURING_RESTARTS),
         two_jobs(),
-        unsupervised(by_job("a good one, agent killed alone", changed())),
+        unsupervised(by_job("a good one, agent killed alone", changed(), "success", APPLIED)),
     };
 }
 
@@ -155,72 +187,23 @@ std::vector<scenario> with_failsafe() {
     const Json::Value good = with_failsafe(changed(), FAILSAFE_ON);
     const Json::Value bad = locked_out(good);
     return {
-        by_job("a good one, verified", good),
-        by_job("a lock-out", bad),
-        kept_failsafe_copy(by_job("a lock-out, auto_mode", with_failsafe(bad, FAILSAFE_AUTO))),
-        kept_failsafe_copy(by_job("a lock-out, failsafe copy kept", bad)),
-        kept_failsafe_copy(by_job("a good one, auto_mode", with_failsafe(good, FAILSAFE_AUTO))),
-        by_request("a lock-out, aborted", bad, {abort_request(25)}),
-        by_job("a lock-out that changes services", with_member(bad, "apps", "list", "two")),
-        where(by_job("no timer file", good), timer_cannot_be_written),
-        by_job("no destination", with_member(with_failsafe(changed(), R"({"enable": true})"), "iot",
-                                             "vantrel_iot", json(R"({"url": ""})"))),
-    };
-}
-
-// --- What breaks by design.
-
-constexpr char NEVER_REPORTED[] = "FAILSAFE_CONFIG is never reported.";
-constexpr char REQUEST_LOST[] =
-    "The request died with the agent; its candidate waits for the next one, or for boot.";
-constexpr char FINISHED_AGAIN[] =
-    "The cut came after the end was stored and before the files of the apply were gone: it is done again.";
-constexpr char LAST_WRITER_WINS[] =
-    "The second request replaces the candidate and the record while the first one is at work on them.";
-constexpr char NOT_REVERTED[] =
-    "Failed without a way back: the new configuration runs, uncommitted, until the next boot.";
-constexpr char KILLED_ALONE[] =
-    "The candidate runs already, so the agent finds nothing to do: supervision has to reboot the device.";
-constexpr char THREE_RESTARTS[] =
-    "A way back restarts network, dialer and Wi-Fi only; the others have the former one after the next boot.";
-
-std::vector<known_exception> config_exceptions() {
-    return {
-        {"killed alone", CONFIG_ENDS, "after success the persistent configuration is the former one",
-         KILLED_ALONE},
-        {"killed alone", PERSISTENT, "", KILLED_ALONE},
-        {"killed alone", SERVICES, "", KILLED_ALONE},
-        {"killed alone", NO_MARKER, "CONFIG_JOB_EXECUTING", KILLED_ALONE},
-        {"killed alone", NO_MARKER, "/var/run/ACTIVE_JOB", KILLED_ALONE},
-        {"killed alone", NO_APPLY_LEFT, "config.new", KILLED_ALONE},
-        {"", HASHES, "/var/data/orv/config.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
-        {"one whose hardware", PERSISTENT, "the running configuration is a candidate", NOT_REVERTED},
-        {"one whose hardware", SERVICES, "", NOT_REVERTED},
-        {"", REPORTED, "FAILSAFE_CONFIG", NEVER_REPORTED},
-        {"", NO_APPLY_LEFT, "/var/volatile/config/config.new is", REQUEST_LOST, {restart::KILL}},
-        {"aborted", FINAL, "was failed and became success",
-         "An abort is not kept over a restart: what is finished after it is applied."},
-        {"a second one", HASHES, "does not match", LAST_WRITER_WINS},
-        {"a second one", SERVICES, "apps", LAST_WRITER_WINS},
-        {"a second one", FINAL, "was success and became", LAST_WRITER_WINS},
-        {"a second one", CONFIG_ENDS, "after failed the persistent configuration is a candidate",
-         LAST_WRITER_WINS},
-    };
-}
-
-std::vector<known_exception> failsafe_exceptions() {
-    return {
-        {"", HASHES, "/var/data/orv/config.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
-        {"", HASHES, "/var/data/orv/config.failsafe.hash", BETWEEN_COPIES, {restart::KILL, restart::REBOOT}},
-        {"", FINAL, "became executed", FINISHED_AGAIN},
-        {"aborted", REPORTED, "FAILSAFE_CONFIG", NEVER_REPORTED},
-        {"aborted", NO_APPLY_LEFT, "/var/volatile/config/config.new is", REQUEST_LOST, {restart::KILL}},
-        {"failsafe copy kept", SERVICES, "apps", THREE_RESTARTS},
-        {"changes services", SERVICES, "apps", THREE_RESTARTS},
-        {"no timer file", PERSISTENT, "the running configuration is a candidate", NOT_REVERTED},
-        {"no destination", PERSISTENT, "the running configuration is a candidate", NOT_REVERTED},
-        {"no destination", ARCHIVED, "still active: failed",
-         "A configuration without the cloud's host: what happened is reported after the next boot."},
+        by_job("a good one, verified", good, "success", VERIFIED),
+        by_job("a lock-out", bad, "failed", EXPIRED),
+        kept_failsafe_copy(
+            by_job("a lock-out, auto_mode", with_failsafe(bad, FAILSAFE_AUTO), "failed", EXPIRED)),
+        keeps_copy(kept_failsafe_copy(by_job("a lock-out, failsafe copy kept", bad, "failed", EXPIRED))),
+        kept_failsafe_copy(
+            by_job("a good one, auto_mode", with_failsafe(good, FAILSAFE_AUTO), "success", VERIFIED)),
+        by_request("a lock-out, aborted", bad, "failed", "aborted, reverting to config.failsafe",
+                   {abort_request(25)}),
+        by_job("a lock-out that changes services", with_member(bad, "apps", "list", "two"), "failed",
+               EXPIRED),
+        where(by_job("no timer file", good, "failed", "error writing failsafe timer file"),
+              timer_cannot_be_written),
+        without_host(by_job("no destination",
+                            with_member(with_failsafe(changed(), R"({"enable": true})"), "iot", "vantrel_iot",
+                                        json(R"({"url": ""})")),
+                            "failed", "no failsafe config destination IP defined")),
     };
 }
 

@@ -1,32 +1,26 @@
 #include "tests/sweep/crash.h"
 
+#include "tests/fakes/calls.h"
 #include "tests/fakes/clock.h"
 #include "tests/fakes/config.h"
 #include "tests/fakes/files.h"
 #include "tests/fakes/private_root.h"
 #include "tests/sweep/firmware.h"
+#include "tests/sweep/flash.h"
 #include "tests/sweep/ledger.h"
 #include "tests/sweep/services.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <set>
-
-namespace fs = std::filesystem;
+#include <vector>
 
 namespace sweep {
 
 namespace {
 
-const std::string CACHED = "/var/data/orv";
-const std::string FLASH = "/dev/shm/flash";
-
-// All that a restart may change, and where it is saved.
-const fs::path WORLD[] = {"/var/data", "/var/volatile", "/run", "/tmp", FLASH};
-const fs::path SAVED = "/dev/shm/saved";
+// All that a restart may change.
+const std::vector<std::string> WORLD = {"/var/data", "/var/volatile", "/run", "/tmp"};
 
 constexpr const char *ACTIVE_JOB = "/var/data/orv/ACTIVE_JOB";
 constexpr const char *STORED_CANDIDATE = "/var/data/orv/config.new";
@@ -43,122 +37,13 @@ const std::string SAVED_HASH = "/var/data/orv/config.hash";
 const std::string FAILSAFE_CONFIG = "/var/data/orv/config.failsafe";
 const std::string RUNNING_CONFIG = "/var/volatile/config/config.running";
 
-void copy_one(const fs::path &from, const fs::path &to) {
-    std::string text;
-    struct stat info = {};
-    if (fakes::read_all(from, text) != 0 || stat(from.c_str(), &info) != 0)
-        return;
-    fs::create_directories(to.parent_path());
-    fakes::write_all(to, text);
-    const timespec stamps[2] = {info.st_atim, info.st_mtim};
-    utimensat(AT_FDCWD, to.c_str(), stamps, 0);
-}
-
-// What is mounted below is no part of the world: the clone itself may be.
-void mirror_into(const fs::path &from, const fs::path &to) {
-    for (const auto &entry : fs::directory_iterator(from)) {
-        const auto target = to / entry.path().filename();
-        if (entry.is_symlink())
-            fs::copy_symlink(entry.path(), target);
-        else if (!entry.is_directory())
-            copy_one(entry.path(), target);
-        else if (!is_mount_point(entry.path())) {
-            fs::create_directories(target);
-            mirror_into(entry.path(), target);
-        }
-    }
-}
-
-void mirror(const fs::path &from, const fs::path &to) {
-    fs::create_directories(to);
-    empty_directory(to);
-    mirror_into(from, to);
-}
-
-std::string content_of(const fs::path &path) {
+void record_replaced_file(const std::string &path) {
+    static const std::string ACTIVE = ACTIVE_FOLDER;
     std::string text;
     fakes::read_all(path, text);
-    return text;
-}
-
-std::string hash_of_file(const fs::path &path) {
-    return std::to_string(std::hash<std::string>()(content_of(path)));
-}
-
-void mark_synced(const fs::path &path) {
-    write_ledger(entry_kind::SYNCED, hash_of_file(path));
-}
-
-std::set<std::string> synced_contents() {
-    std::set<std::string> all;
-    for (const entry &each : read_ledger())
-        if (each.kind == entry_kind::SYNCED)
-            all.insert(each.what);
-    return all;
-}
-
-// The file written last whose content has never reached the flash; empty when all have.
-fs::path last_unsynced_file() {
-    const auto safe = synced_contents();
-    fs::path last;
-    timespec last_change = {};
-    for (const auto &entry : fs::recursive_directory_iterator(CACHED)) {
-        if (!entry.is_regular_file() || safe.count(hash_of_file(entry.path())) != 0)
-            continue;
-        struct stat info = {};
-        stat(entry.path().c_str(), &info);
-        if (info.st_size < 2 || std::pair(info.st_ctim.tv_sec, info.st_ctim.tv_nsec) <
-                                    std::pair(last_change.tv_sec, last_change.tv_nsec))
-            continue;
-        last = entry.path();
-        last_change = info.st_ctim;
-    }
-    return last;
-}
-
-bool tear_last_file() {
-    const fs::path last = last_unsynced_file();
-    if (last.empty())
-        return false;
-    const std::string text = content_of(last);
-    fakes::write_all(last, text.substr(0, text.size() / 2));
-    return true;
-}
-
-bool same_tree(const fs::path &left, const fs::path &right) {
-    const auto listing = [](const fs::path &folder) {
-        std::set<std::pair<std::string, std::string>> all;
-        for (const auto &entry : fs::recursive_directory_iterator(folder))
-            all.emplace(entry.path().lexically_relative(folder),
-                        entry.is_regular_file() ? content_of(entry.path()) : "");
-        return all;
-    };
-    return listing(left) == listing(right);
-}
-
-void record_stored_job(const std::string &path) {
-    const std::string folder = ACTIVE_FOLDER;
-    if (path.compare(0, folder.size(), folder) == 0)
-        write_ledger(entry_kind::STORED, path.substr(folder.size()), content_of(path));
-}
-
-bool below(const std::string &path, const std::string &folder) {
-    return path.compare(0, folder.size() + 1, folder + "/") == 0;
-}
-
-void keep_on_flash(const std::string &path) {
-    if (!below(path, CACHED))
-        return;
-    copy_one(path, FLASH + path.substr(CACHED.size()));
-    mark_synced(path);
-}
-
-void sync_all() {
-    mirror(CACHED, FLASH);
-    const auto known = synced_contents();
-    for (const auto &entry : fs::recursive_directory_iterator(CACHED))
-        if (entry.is_regular_file() && known.count(hash_of_file(entry.path())) == 0)
-            mark_synced(entry.path());
+    write_ledger(entry_kind::REPLACED, path, text);
+    if (path.compare(0, ACTIVE.size(), ACTIVE) == 0)
+        write_ledger(entry_kind::STORED, path.substr(ACTIVE.size()), text);
 }
 
 // An apply cut short is only resumed safely from what is persistent.
@@ -173,7 +58,9 @@ void refresh_hash(const std::string &config, const std::string &hash) {
 
 // The running configuration is the persistent one; no hash file is trusted.
 void rebuild_configuration() {
-    copy_one(SAVED_CONFIG, RUNNING_CONFIG);
+    std::string text;
+    if (fakes::read_all(SAVED_CONFIG, text) == 0)
+        fakes::write_all(RUNNING_CONFIG, text);
     refresh_hash(RUNNING_CONFIG, RUNNING_CONFIG + ".hash");
     refresh_hash(SAVED_CONFIG, SAVED_HASH);
     refresh_hash(FAILSAFE_CONFIG, FAILSAFE_CONFIG + ".hash");
@@ -203,7 +90,8 @@ void clean_up() {
 } // namespace
 
 const char *name_of(restart kind) {
-    static constexpr const char *NAMES[] = {"kill", "reboot", "power", "torn", "stall"};
+    static constexpr const char *NAMES[] = {"kill",  "reboot", "power", "torn",
+                                            "stall", "held",   "none",  "again"};
     return NAMES[static_cast<int>(kind)];
 }
 
@@ -218,30 +106,16 @@ void make_new_device(const std::string &config) {
 }
 
 void follow_writes() {
-    fakes::after_replacing = [](const std::string &path) {
-        keep_on_flash(path);
-        record_stored_job(path);
-    };
-    fakes::after_sync = sync_all;
+    fakes::after_replacing = record_replaced_file;
+    fakes::after_sync = flush_files;
 }
 
-bool crash(restart kind) {
-    if (kind == restart::TORN && !tear_last_file())
-        return false;
-    if (kind == restart::POWER_CUT) {
-        if (same_tree(CACHED, FLASH))
-            return false;
-        mirror(FLASH, CACHED);
-    }
-    return true;
-}
-
-void boot(restart kind, const surroundings &around) {
+bool boot(restart kind, const surroundings &around) {
     const bool agent_alone = kind == restart::KILL && !(around.supervised && supervision_reboots());
     keep_time(kept_time() + (agent_alone ? SECONDS_TO_RESTART : SECONDS_TO_BOOT));
     set_time(kept_time());
     if (agent_alone)
-        return;
+        return false;
     for (const char *path : {"/var/volatile", "/run", "/tmp", "/var/data/.tmp"})
         if (exists(path))
             empty_directory(path);
@@ -251,28 +125,50 @@ void boot(restart kind, const surroundings &around) {
         clean_up();
     boot_slot();
     start_services();
-    sync_all();
+    return true;
 }
 
-void save_files() {
-    for (const fs::path &folder : WORLD)
-        mirror(folder, SAVED / folder.relative_path());
+tree read_world() {
+    return read_tree(WORLD);
 }
 
-void restore_files() {
-    for (const fs::path &folder : WORLD) {
-        empty_directory(folder);
-        mirror_into(SAVED / folder.relative_path(), folder);
-    }
+void put_back_world(const tree &kept) {
+    const bool is_full = exists(FILLER) || kept.count(FILLER) != 0;
+    if (is_full)
+        limit_var_data(2 * DISK_SIZE);
+    put_back(kept, WORLD);
+    if (is_full)
+        limit_var_data(DISK_SIZE);
+}
+
+void put_on_flash(const tree &kept) {
+    const bool is_full = exists(FILLER);
+    free_disk();
+    put_back(kept, {PERSISTENT_FOLDER});
+    if (is_full)
+        fill_disk();
 }
 
 void flush_files() {
-    sync_all();
+    write_ledger(entry_kind::SYNCED, "");
 }
 
 void put_file(const std::string &path, const std::string &text) {
     write_text(path, text);
-    keep_on_flash(path);
+    write_ledger(entry_kind::REPLACED, path, text);
+    flush_files();
+}
+
+int write_in_place(const std::string &path, const std::string &text) {
+    if (fakes::write_all(path, text) != 0)
+        return -1;
+    write_ledger(entry_kind::WRITTEN, path, text);
+    return 0;
+}
+
+void remove_file(const std::string &path) {
+    fakes::change("unlink", path);
+    unlinkat(AT_FDCWD, path.c_str(), 0);
 }
 
 void fill_disk() {

@@ -37,10 +37,6 @@ constexpr time_t MODEM_SECONDS = 10;
 upgrade_tool tool;
 std::function<void()> reboot_device;
 
-void remove_file(const std::string &path) {
-    unlinkat(AT_FDCWD, path.c_str(), 0);
-}
-
 std::string other(const std::string &slot) {
     return slot == "1" ? "2" : "1";
 }
@@ -70,7 +66,7 @@ int upgrade() {
         return fail(INSTALL_FAILED);
     install(slot, NEW_VERSION);
     fakes::change("orv-upgradefw", "marks the upgrade");
-    fakes::write_all(UPDATED, NEW_VERSION);
+    write_in_place(UPDATED, NEW_VERSION);
     fakes::change("orv-upgradefw", "switches to slot " + slot);
     flush_files();
     write_text(SLOT_TO_BOOT, slot);
@@ -104,7 +100,7 @@ void boot_slot() {
     if (slot == "2")
         fakes::write_all(ROOTFS2, "");
     else
-        remove_file(ROOTFS2);
+        unlinkat(AT_FDCWD, ROOTFS2.c_str(), 0);
 }
 
 void enter_firmware(std::function<void()> reboot) {
@@ -129,10 +125,12 @@ bool run_firmware_command(const std::string &command, int &status) {
 
 void upgrade_locally() {
     fakes::change("local-upgrade", "stages the configuration");
-    fakes::write_all(STAGED, file_text(SAVED));
-    fakes::write_all(STAGED + ".hash", file_text("/var/data/orv/config.hash"));
+    write_in_place(STAGED, file_text(SAVED));
+    write_in_place(STAGED + ".hash", file_text("/var/data/orv/config.hash"));
+    flush_files();
     fakes::change("local-upgrade", "marks it as local");
-    fakes::write_all(LOCAL, "");
+    write_in_place(LOCAL, "");
+    flush_files();
     if (upgrade() == 0)
         return;
     for (const std::string &path : {LOCAL, STAGED, STAGED + ".hash", ERROR_CODE})

@@ -75,10 +75,10 @@ breakages nothing_of_an_upgrade_is_left(const evidence &) {
 
 std::vector<invariant> firmware_invariants() {
     return {
-        {WHOLE_SLOT, true, whole_slot_boots},
-        {WHOLE_CONFIG, false, whole_configuration_runs},
-        {SLOT_ENDS, false, end_tells_slot},
-        {NO_UPGRADE_LEFT, false, nothing_of_an_upgrade_is_left},
+        {WHOLE_SLOT, moment::AT_CUT, whole_slot_boots},
+        {WHOLE_CONFIG, moment::AT_REST, whole_configuration_runs},
+        {SLOT_ENDS, moment::AT_REST, end_tells_slot},
+        {NO_UPGRADE_LEFT, moment::AT_REST, nothing_of_an_upgrade_is_left},
     };
 }
 

@@ -1,8 +1,14 @@
 // The agent's own calls of the C library that change something, counted as its platform calls are. By the
 // linker's --wrap: only the agent's and this program's objects come here, no library does.
+#include "tests/sweep/interpose.h"
+
 #include "tests/fakes/calls.h"
+#include "tests/fakes/files.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <json/json.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -35,16 +41,53 @@ int __wrap_remove(const char *path);
 CURLcode __wrap_curl_easy_perform(CURL *handle);
 }
 
+// read_json_file: --wrap knows it by this name.
+int real_read_json_file(const char *path,
+                        Json::Value &value) __asm__("__real__Z14read_json_filePKcRN4Json5ValueE");
+int wrapped_read_json_file(const char *path,
+                           Json::Value &value) __asm__("__wrap__Z14read_json_filePKcRN4Json5ValueE");
+
 namespace {
 
-std::map<FILE *, std::string> written_files; // those open for writing
+std::map<FILE *, std::string> paths; // of the files that are open for writing
 
 void change_of(const char *function, FILE *file) {
-    if (const auto found = written_files.find(file); found != written_files.end())
+    if (const auto found = paths.find(file); found != paths.end())
         fakes::change(function, found->second);
 }
 
 } // namespace
+
+namespace sweep {
+
+std::function<void(const std::string &path)> before_job_file_is_read;
+
+std::vector<open_file> written_files() {
+    std::vector<open_file> files;
+    for (const auto &[file, path] : paths)
+        files.push_back({file, path, lseek(fileno(file), 0, SEEK_CUR)});
+    return files;
+}
+
+void reopen(const std::vector<open_file> &files) {
+    for (const open_file &each : files) {
+        const int again = open(each.path.c_str(), O_WRONLY | O_CLOEXEC);
+        if (again < 0)
+            continue; // somebody has removed it meanwhile
+        lseek(again, each.offset, SEEK_SET);
+        dup3(again, fileno(each.file), O_CLOEXEC);
+        close(again);
+    }
+}
+
+} // namespace sweep
+
+int wrapped_read_json_file(const char *path, Json::Value &value) {
+    static const std::string ACTIVE = ACTIVE_FOLDER;
+    if (sweep::before_job_file_is_read && ACTIVE.compare(0, ACTIVE.size(), path, 0, ACTIVE.size()) == 0)
+        sweep::before_job_file_is_read(path);
+    return real_read_json_file(path, value);
+}
 
 FILE *__wrap_fopen(const char *path, const char *mode) {
     if (std::strpbrk(mode, "wa+") == nullptr)
@@ -52,13 +95,13 @@ FILE *__wrap_fopen(const char *path, const char *mode) {
     fakes::change("fopen", path);
     FILE *file = __real_fopen(path, mode);
     if (file != nullptr)
-        written_files[file] = path;
+        paths[file] = path;
     return file;
 }
 
 int __wrap_fclose(FILE *file) {
     change_of("fclose", file);
-    written_files.erase(file);
+    paths.erase(file);
     return __real_fclose(file);
 }
 

@@ -5,6 +5,8 @@
 #include "tests/fakes/files.h"
 
 #include <algorithm>
+#include <iterator>
+#include <optional>
 #include <set>
 #include <stdexcept>
 
@@ -37,31 +39,41 @@ struct report {
     long long session = 0;
 };
 
+std::optional<report> report_in(const entry &each) {
+    const size_t blank = each.text.find(' ');
+    if (each.kind != entry_kind::CHANGE || each.what != "send_message" ||
+        each.text.rfind("v1/device/job/", 0) != 0)
+        return std::nullopt;
+    const Json::Value message = json(each.text.substr(blank + 1));
+    return report{message["params"]["jobId"].asString(), message["params"]["status"].asString(),
+                  message["session"].asInt64()};
+}
+
 std::vector<report> reports_of(const evidence &seen) {
     std::vector<report> all;
-    for (const entry &each : seen.ledger) {
-        const size_t blank = each.text.find(' ');
-        if (each.kind != entry_kind::CHANGE || each.what != "send_message" ||
-            each.text.rfind("v1/device/job/", 0) != 0)
-            continue;
-        const Json::Value message = json(each.text.substr(blank + 1));
-        all.push_back({message["params"]["jobId"].asString(), message["params"]["status"].asString(),
-                       message["session"].asInt64()});
-    }
+    for (const entry &each : seen.ledger)
+        if (const auto found = report_in(each))
+            all.push_back(*found);
     return all;
 }
 
-std::set<std::string> stored_jobs(const evidence &seen) {
-    std::set<std::string> ids;
-    for (const entry &each : seen.ledger)
-        if (each.kind == entry_kind::STORED)
-            ids.insert(each.what);
-    return ids;
+bool is_lost_record(const entry &each) {
+    return each.kind == entry_kind::LOST && each.text == "record";
 }
 
-bool was_cut(const evidence &seen) {
-    return std::any_of(seen.ledger.begin(), seen.ledger.end(),
-                       [](const entry &each) { return each.kind == entry_kind::END && each.what == "cut"; });
+// Not those that a power cut has taken while their message was being handled.
+std::set<std::string> stored_jobs(const evidence &seen) {
+    std::set<std::string> ids;
+    std::set<std::string> not_taken_yet;
+    for (const entry &each : seen.ledger) {
+        if (each.kind == entry_kind::STORED && ids.insert(each.what).second)
+            not_taken_yet.insert(each.what);
+        else if (each.kind == entry_kind::HANDLED)
+            not_taken_yet.clear();
+        else if (is_lost_record(each) && not_taken_yet.count(each.what) != 0)
+            ids.erase(each.what);
+    }
+    return ids;
 }
 
 bool is_message_with(const entry &each, const std::string &part) {
@@ -133,25 +145,43 @@ breakages job_files_are_whole(const evidence &seen) {
         for (const std::string &name : names_in(folder)) {
             const Json::Value job = file_json(folder + name);
             const bool whole = job.isObject() && job["jobId"] == name;
-            if (!whole && !(seen.at_cut && world_put(seen, folder + name)))
+            if (!whole && !(seen.when == moment::AT_CUT && world_put(seen, folder + name)))
                 broken.push_back(folder + name + " holds: " + file_text(folder + name).substr(0, 80));
         }
     }
     return broken;
 }
 
+// The job that a message brings; empty when it brings none.
+std::string job_in(const entry &each) {
+    const size_t blank = each.text.find(' ');
+    if (each.kind != entry_kind::INPUT || blank == std::string::npos ||
+        each.text.find("/apply ") == std::string::npos)
+        return "";
+    const Json::Value job = json_or_null(each.text.substr(blank + 1));
+    return job.isMember("action") ? job["jobId"].asString() : "";
+}
+
 // A message that is being handled when the process ends is gone with it.
 breakages arrived_jobs_are_stored(const evidence &seen) {
     breakages broken;
-    const auto stored = stored_jobs(seen);
+    std::set<std::string> active;
+    std::string arrived;
     for (const entry &each : seen.ledger) {
-        const size_t blank = each.text.find(' ');
-        if (was_cut(seen) || each.kind != entry_kind::INPUT || blank == std::string::npos ||
-            each.text.find("/apply ") == std::string::npos)
+        if (const std::string id = job_in(each); !id.empty())
+            arrived = id;
+        else if (each.kind == entry_kind::STORED || (each.kind == entry_kind::LOST && each.text == "move"))
+            active.insert(each.what);
+        else if (each.kind == entry_kind::CHANGE && each.what == "rename" && each.text.rfind(ACTIVE, 0) == 0)
+            active.erase(each.text.substr(ACTIVE.size(), each.text.find(' ') - ACTIVE.size()));
+        else if (each.kind == entry_kind::BOOT)
+            arrived.clear();
+        if (each.kind != entry_kind::HANDLED)
             continue;
-        const Json::Value job = json_or_null(each.text.substr(blank + 1));
-        if (job.isMember("action") && stored.count(job["jobId"].asString()) == 0)
-            broken.push_back("job " + job["jobId"].asString() + " arrived and was not stored");
+        const bool critical = scripts_of(seen, arrived, "started") != 0;
+        if (!arrived.empty() && active.count(arrived) == 0 && !critical)
+            broken.push_back("job " + arrived + " arrived and was not stored");
+        arrived.clear();
     }
     return broken;
 }
@@ -175,7 +205,7 @@ breakages scripts_start_once(const evidence &seen) {
     for (const std::string &id : jobs_with_scripts(seen)) {
         const long started = scripts_of(seen, id, "started");
         if (started > intakes_of(seen, id))
-            broken.push_back("job " + id + " started its script " + std::to_string(started) + " times");
+            broken.push_back("job " + id + " started its script more than once");
     }
     return broken;
 }
@@ -203,22 +233,53 @@ breakages sessions_are_unique(const evidence &seen) {
     return broken;
 }
 
+// A new intake of the same id begins anew.
+bool brings_new_job(const entry &each) {
+    return (is_message_with(each, "v1/device/job/") || is_message_with(each, "v1/device/cmd/config/apply")) &&
+           each.text.find("/apply ") != std::string::npos;
+}
+
+// What a power cut has lost of it was not final; what the cloud has been told is.
 breakages final_statuses_stay(const evidence &seen) {
     breakages broken;
-    std::map<std::string, std::string> final_of;
+    std::map<std::string, std::string> stored_as;
+    std::map<std::string, std::string> told_as;
     for (const entry &each : seen.ledger) {
-        if (is_message_with(each, "v1/device/job/") || is_message_with(each, "v1/device/cmd/config/apply"))
-            if (each.text.find("/apply ") != std::string::npos)
-                final_of.clear(); // a new intake of the same id begins anew
+        if (brings_new_job(each)) {
+            stored_as.clear();
+            told_as.clear();
+        }
+        if (is_lost_record(each))
+            stored_as.erase(each.what);
+        if (const auto told = report_in(each); told && is_final(told->status))
+            told_as[told->job_id] = told->status;
         if (each.kind != entry_kind::STORED)
             continue;
         const std::string status = json(each.text)["status"].asString();
-        const auto known = final_of.find(each.what);
-        if (known != final_of.end() && known->second != status)
+        if (const auto known = stored_as.find(each.what); known != stored_as.end() && known->second != status)
             broken.push_back("job " + each.what + " was " + known->second + " and became " + status);
+        else if (const auto told = told_as.find(each.what); told != told_as.end() && told->second != status)
+            broken.push_back("job " + each.what + " was told as " + told->second + " and became " + status);
         if (is_final(status))
-            final_of[each.what] = status;
+            stored_as[each.what] = status;
     }
+    return broken;
+}
+
+// It is moved there, and nothing writes to it; what a power cut has lost was not there.
+breakages archive_holds_the_last(const evidence &seen) {
+    breakages broken;
+    std::map<std::string, std::string> stored;
+    for (const entry &each : seen.ledger) {
+        if (each.kind == entry_kind::STORED)
+            stored[each.what] = each.text;
+        else if (is_lost_record(each))
+            stored.erase(each.what);
+    }
+    for (const auto &[id, text] : stored)
+        if (exists(ARCHIVE + id) && !exists(ACTIVE + id) && archived_job(id) != json(text))
+            broken.push_back("job " + id + " is archived as " + archived_job(id)["status"].asString() +
+                             ", and was stored as " + json(text)["status"].asString());
     return broken;
 }
 
@@ -252,20 +313,47 @@ breakages no_marker_is_left(const evidence &) {
 
 } // namespace
 
+evidence::evidence(const scenario &scenario, const std::vector<entry> &all, moment now)
+    : given(scenario), when(now) {
+    std::copy_if(all.begin(), all.end(), std::back_inserter(ledger), counts);
+}
+
+bool evidence::counts(const entry &each) {
+    switch (each.kind) {
+    case entry_kind::STORED:
+    case entry_kind::SCRIPT:
+    case entry_kind::INPUT:
+    case entry_kind::HANDLED:
+    case entry_kind::LOST:
+        return true;
+    case entry_kind::BOOT:
+        return true;
+    case entry_kind::CHANGE:
+        return each.what == "send_message" || each.what == "rename";
+    default:
+        return false;
+    }
+}
+
 std::vector<invariant> job_invariants() {
     return {
-        {JOB_FILES, true, job_files_are_whole},      {STORED, false, arrived_jobs_are_stored},
-        {ARCHIVED, false, stored_jobs_are_archived}, {ONCE, false, scripts_start_once},
-        {CUT_SCRIPTS, false, cut_scripts_fail},      {SESSIONS, false, sessions_are_unique},
-        {FINAL, false, final_statuses_stay},         {REPORTED, false, archived_jobs_were_reported},
-        {NO_MARKER, false, no_marker_is_left},
+        {JOB_FILES, moment::AT_CUT, job_files_are_whole},
+        {STORED, moment::AT_REST, arrived_jobs_are_stored},
+        {ARCHIVED, moment::AT_REST, stored_jobs_are_archived},
+        {LAST, moment::AT_REST, archive_holds_the_last},
+        {ONCE, moment::AT_REST, scripts_start_once},
+        {CUT_SCRIPTS, moment::AT_REST, cut_scripts_fail},
+        {SESSIONS, moment::AT_REST, sessions_are_unique},
+        {FINAL, moment::AT_REST, final_statuses_stay},
+        {REPORTED, moment::AT_REST, archived_jobs_were_reported},
+        {NO_MARKER, moment::AT_REST, no_marker_is_left},
     };
 }
 
 const std::vector<invariant> &invariants() {
     static const std::vector<invariant> ALL = [] {
         auto all = job_invariants();
-        for (const auto &more : {config_invariants(), firmware_invariants()})
+        for (const auto &more : {config_invariants(), firmware_invariants(), end_invariants()})
             all.insert(all.end(), more.begin(), more.end());
         return all;
     }();

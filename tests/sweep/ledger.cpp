@@ -15,36 +15,35 @@ namespace sweep {
 namespace {
 
 constexpr size_t CAPACITY = 32 << 20;
+constexpr char END_OF_FIELD = '\x1f';
+constexpr char END_OF_ENTRY = '\x1e';
 
 struct shared_memory {
-    size_t used;
-    long changes;
-    time_t now;
-    char text[CAPACITY]; // kind, time, what, text: tab-separated, one line each
+    ledger_mark stands;
+    char text[CAPACITY]; // kind, time, what, text
 };
 
 shared_memory *shared = nullptr;
 
-// On one line. JSON stays what it is: a line end stands only between its tokens.
-std::string on_one_line(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }, ' ');
-    return text;
-}
+// What of the text has been read, by this process or by the one it was forked from.
+struct {
+    std::vector<entry> entries;
+    std::vector<size_t> ends; // where each of them ends in the text
+} known;
 
-std::string_view next_field(std::string_view &line) {
-    const size_t end = line.find('\t');
-    const std::string_view field = line.substr(0, end);
-    line = end == line.npos ? std::string_view() : line.substr(end + 1);
+std::string_view next_field(std::string_view &rest, char end_mark) {
+    const size_t end = rest.find(end_mark);
+    const std::string_view field = rest.substr(0, end);
+    rest = end == rest.npos ? std::string_view() : rest.substr(end + 1);
     return field;
 }
 
-entry parsed(std::string_view line) {
+entry parsed(std::string_view fields) {
     entry parts;
-    parts.kind = static_cast<entry_kind>(next_field(line)[0] - 'a');
-    parts.at = std::strtoll(std::string(next_field(line)).c_str(), nullptr, 10);
-    parts.what = next_field(line);
-    parts.text = line;
+    parts.kind = static_cast<entry_kind>(next_field(fields, END_OF_FIELD)[0] - 'a');
+    parts.at = std::strtoll(std::string(next_field(fields, END_OF_FIELD)).c_str(), nullptr, 10);
+    parts.what = next_field(fields, END_OF_FIELD);
+    parts.text = fields;
     return parts;
 }
 
@@ -61,75 +60,76 @@ void open_ledger() {
 }
 
 void clear_ledger() {
-    shared->used = 0;
-    shared->changes = 0;
-    shared->now = START_TIME;
+    rewind_ledger({0, 0, 0, START_TIME});
 }
 
 void write_ledger(entry_kind kind, const std::string &what, const std::string &text) {
-    std::string line(1, static_cast<char>('a' + static_cast<int>(kind)));
-    line += '\t' + std::to_string(fakes::now()) + '\t' + on_one_line(what) + '\t' + on_one_line(text) + '\n';
-    if (shared->used + line.size() > CAPACITY) {
+    std::string fields(1, static_cast<char>('a' + static_cast<int>(kind)));
+    fields += END_OF_FIELD + std::to_string(fakes::now()) + END_OF_FIELD + what + END_OF_FIELD + text;
+    fields += END_OF_ENTRY;
+    size_t &used = shared->stands.used;
+    if (used + fields.size() > CAPACITY) {
         std::fputs("the sweep's ledger is full\n", stderr);
         std::abort();
     }
-    std::memcpy(shared->text + shared->used, line.data(), line.size());
-    shared->used += line.size();
+    std::memcpy(shared->text + used, fields.data(), fields.size());
+    used += fields.size();
     if (kind == entry_kind::CHANGE)
-        shared->changes++;
+        shared->stands.changes++;
 }
 
-std::vector<entry> read_ledger() {
-    std::vector<entry> entries;
-    std::string_view rest(shared->text, shared->used);
+const std::vector<entry> &read_ledger() {
+    size_t begin = known.ends.empty() ? 0 : known.ends.back();
+    std::string_view rest(shared->text + begin, shared->stands.used - begin);
     while (!rest.empty()) {
-        const size_t end = rest.find('\n');
-        entries.push_back(parsed(rest.substr(0, end)));
-        rest = rest.substr(end + 1);
+        known.entries.push_back(parsed(next_field(rest, END_OF_ENTRY)));
+        begin = shared->stands.used - rest.size();
+        known.ends.push_back(begin);
     }
-    return entries;
+    return known.entries;
 }
 
-namespace {
-
-struct saved_ledger {
-    std::string text;
-    long changes = 0;
-    time_t now = 0;
-} saved;
-
-} // namespace
-
-void save_ledger() {
-    saved = {std::string(shared->text, shared->used), shared->changes, shared->now};
+ledger_mark mark_ledger() {
+    return shared->stands;
 }
 
-void restore_ledger() {
-    std::memcpy(shared->text, saved.text.data(), saved.text.size());
-    shared->used = saved.text.size();
-    shared->changes = saved.changes;
-    shared->now = saved.now;
+void rewind_ledger(const ledger_mark &mark) {
+    shared->stands = mark;
+    while (!known.ends.empty() && known.ends.back() > mark.used) {
+        known.ends.pop_back();
+        known.entries.pop_back();
+    }
 }
 
 std::string line_of(const entry &entry) {
-    static constexpr const char *NAMES[] = {"change", "stored", "script", "input",
-                                            "boot",   "end",    "log",    "synced"};
+    static constexpr const char *NAMES[] = {"change", "stored",  "script",   "input",   "boot",   "end",
+                                            "log",    "handled", "replaced", "written", "synced", "lost"};
     char head[64];
-    std::snprintf(head, sizeof head, "%6lld s  %-7s", static_cast<long long>(entry.at - START_TIME),
+    std::snprintf(head, sizeof head, "%6lld s  %-9s", static_cast<long long>(entry.at - START_TIME),
                   NAMES[static_cast<int>(entry.kind)]);
-    return std::string(head) + entry.what + (entry.text.empty() ? "" : " " + entry.text);
+    std::string line = head + entry.what + (entry.text.empty() ? "" : " " + entry.text);
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return line;
 }
 
 long changes_so_far() {
-    return shared->changes;
+    return shared->stands.changes;
+}
+
+long count_place() {
+    return ++shared->stands.places;
+}
+
+long places_so_far() {
+    return shared->stands.places;
 }
 
 void keep_time(time_t now) {
-    shared->now = now;
+    shared->stands.now = now;
 }
 
 time_t kept_time() {
-    return shared->now;
+    return shared->stands.now;
 }
 
 } // namespace sweep

@@ -36,8 +36,12 @@ input clear_running_job(time_t at) {
     return message(at, "v1/device/job/CLEAR_RUNNING_JOB/apply", "");
 }
 
+input cloud_is_connected(time_t at) {
+    return message(at, "v1/device/job/all/update", R"({"connected":true})");
+}
+
 input file(time_t at, const std::string &path, const std::string &text) {
-    return {at, "file " + path, "", [path, text] { put_file(path, text); }};
+    return {at, "file " + path, "", [path, text] { put_file(path, text); }, text};
 }
 
 input disk_full(time_t at) {
@@ -54,6 +58,18 @@ input network_down(time_t at) {
 
 input network_up(time_t at) {
     return {at, "network up", "", [] { fakes::device().ping_result = 0; }};
+}
+
+job_end archived(const std::string &job_id, const std::string &status, const std::string &msg) {
+    return {job_end::place::ARCHIVED, job_id, status, msg};
+}
+
+job_end active(const std::string &job_id, const std::string &status, const std::string &msg) {
+    return {job_end::place::ACTIVE, job_id, status, msg};
+}
+
+job_end gone(const std::string &job_id) {
+    return {job_end::place::GONE, job_id, "", ""};
 }
 
 cloud_manner acknowledges_at_once() {

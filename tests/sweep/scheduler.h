@@ -1,8 +1,9 @@
 // Runs the agent's real threads one at a time, in virtual time.
 //
-// One baton: the thread that has it runs until it sleeps or waits for a locked mutex, and hands it to the
-// thread that wakes first. So a run costs no real time and is the same each time. Threads are caught where
-// they are created (pthread_create) and where they lock (pthread_mutex_lock, by the linker's --wrap).
+// Each of them is a coroutine of one thread of the system: it runs until it sleeps or waits for a locked mutex,
+// and is followed by the one that wakes first. So a run costs no real time, is the same each time, and fork()
+// takes all threads along. Threads are caught where they are created (pthread_create) and where they lock
+// (pthread_mutex_lock, by the linker's --wrap).
 #pragma once
 
 #include <ctime>
@@ -10,9 +11,19 @@
 
 namespace sweep {
 
-// The calling thread becomes the first one and has the baton. `on_deadlock` is called when every thread
-// waits for a mutex, `on_switch` at each hand-over; both may end the process.
-void start_scheduler(std::function<void()> on_deadlock, std::function<void()> on_switch);
+struct scheduler_events {
+    std::function<void()> deadlocked; // every thread waits for a mutex; does not return
+    std::function<void()> switched;   // at each hand-over; may end the process
+
+    // Of the agent's own mutexes: before one is asked for, and after it was given back.
+    std::function<void()> at_lock = nullptr;
+
+    // Two threads wake at this time: true when the one that asked later is to go first.
+    std::function<bool()> other_order = nullptr;
+};
+
+// The caller becomes the first thread.
+void start_scheduler(scheduler_events events);
 
 // Sleeps in virtual time. What sleep() does.
 void pause_thread(unsigned seconds);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 namespace sweep {
 
@@ -20,6 +21,7 @@ struct event {
 std::vector<event> pending;
 cloud_manner cloud;
 int reports = 0;
+bool handling = false; // a message
 
 const std::string REPORT_PREFIX = "v1/device/job/";
 
@@ -62,17 +64,19 @@ void take_report(const entry &change, const std::set<std::string> &done) {
 void deliver(const event &due) {
     const std::string text = due.what.topic.empty() ? due.what.text : due.what.topic + " " + due.what.text;
     write_ledger(entry_kind::INPUT, due.key, text);
-    if (due.what.topic.empty())
+    if (due.what.topic.empty()) {
         due.what.act();
-    else
-        fakes::mqtt().incoming.push_back({due.what.topic, due.what.text});
+        return;
+    }
+    fakes::mqtt().incoming.push_back({due.what.topic, due.what.text});
+    handling = true;
 }
 
 } // namespace
 
 void enter_world(const scenario &given) {
     cloud = given.cloud;
-    const auto history = read_ledger();
+    const auto &history = read_ledger();
     std::set<std::string> done;
     for (const entry &each : history)
         if (each.kind == entry_kind::INPUT)
@@ -97,6 +101,8 @@ void send_later(time_t seconds, const std::string &topic, const std::string &tex
 }
 
 bool step_world() {
+    if (std::exchange(handling, false))
+        write_ledger(entry_kind::HANDLED, "");
     std::stable_sort(pending.begin(), pending.end(),
                      [](const event &left, const event &right) { return left.at < right.at; });
     const size_t before = pending.size();
