@@ -49,7 +49,7 @@ std::vector<known_exception> config_exceptions() {
             "a second one during the restarts"),
          by(UNCUT, KILL, REBOOT, POWER, STALL), REPORTED,
          "job FAILSAFE_CONFIG is archived as success, of which no report was acknowledged", NEVER_REPORTED},
-        {in("aborted before the validation", "aborted during the validation"), by(KILL, REBOOT, POWER, STALL),
+        {in("aborted before the validation", "aborted during the validation"), by(KILL, REBOOT, POWER),
          REPORTED, "job FAILSAFE_CONFIG is archived as success, of which no report was acknowledged",
          NEVER_REPORTED},
         {in("a good one, requested", "aborted before the validation", "aborted during the validation"),

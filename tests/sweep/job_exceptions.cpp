@@ -16,10 +16,6 @@ constexpr restart REBOOT = restart::REBOOT;
 constexpr restart POWER = restart::POWER_CUT;
 constexpr restart STALL = restart::STALL;
 
-constexpr char STORED_BEFORE_REBOOT[] =
-    "The success is stored as it is just before the reboot, with the session of \"executed\", and is reported with that after the boot.";
-constexpr char ACKNOWLEDGED_BY_OLD_ANSWER[] =
-    "So an answer to \"executed\" that comes after the boot acknowledges the success.";
 constexpr char NOT_STAMPED[] =
     "A critical job is not stamped at its intake: all its reports bear the session it came with, mostly none.";
 constexpr char ARCHIVED_AS_STORED[] =
@@ -33,8 +29,6 @@ constexpr char REFUSED[] =
 constexpr char REPEATED[] = "It is reported again until it is acknowledged.";
 constexpr char JOBID_OF_KILLED[] = "The marker of a killed script goes when its job is archived.";
 constexpr char GIVEN_UP[] = "Given up: the job is archived without an acknowledgement.";
-constexpr char ARCHIVED_TWICE[] =
-    "Both threads archive it, and the second one first makes room in the archive.";
 constexpr char INTAKE_IS_BLIND[] =
     "The intake does not look at the result of the write; the cloud hears nothing.";
 constexpr char NOT_STORED[] =
@@ -53,10 +47,6 @@ constexpr char ASKS_AGAIN[] =
 
 std::vector<known_exception> script_exceptions() {
     return {
-        {in("a script with a reboot after it"), by(UNCUT, KILL, REBOOT, POWER, STALL), SESSIONS,
-         "job 77: one session for executed and success", STORED_BEFORE_REBOOT},
-        {in("a script with a reboot after it"), by(STALL), REPORTED,
-         "job 77 is archived as success, of which no report was acknowledged", ACKNOWLEDGED_BY_OLD_ANSWER},
         {in("a critical script"), by(UNCUT, KILL, REBOOT, POWER, STALL), SESSIONS,
          "job 77: one session for received and executed", NOT_STAMPED},
         {in("a critical script"), by(UNCUT, KILL, REBOOT, POWER, STALL), SESSIONS,
@@ -100,7 +90,6 @@ std::vector<known_exception> acknowledgement_exceptions() {
          JOBID_OF_KILLED},
         {in("refused for the 101st time"), by(UNCUT, KILL, REBOOT, POWER, STALL), REPORTED,
          "job 9 is archived as failed, of which no report was acknowledged", GIVEN_UP},
-        {in("refused for the 101st time"), by(STALL), ARCHIVED, "job 9 is lost", ARCHIVED_TWICE},
     };
 }
 
