@@ -61,10 +61,30 @@ TEST_F(CutApply, ThatIsASuccessWithoutItsCommitIsResumed) {
     expect_boot_changes_nothing();
 }
 
+// A device that ran another configuration was sent the one that its failsafe copy holds, and took that back.
+TEST_F(CutApply, ThatHadFailedWithTheFailsafeConfigurationIsNotResumed) {
+    given_cut_apply("failed");
+    given_saved(new_config());
+    given_config(FAILSAFE, FAILSAFE_HASH, new_config());
+
+    boot();
+
+    EXPECT_FALSE(any_exists(REMNANTS));
+    EXPECT_THAT(file_json(SAVED), IsJson(new_config()));
+}
+
 // Whatever has made it persistent, the record does not tell of it.
 TEST_F(CutApply, ThatHadFailedWithItsCandidatePersistentIsResumed) {
     given_cut_apply("failed");
     given_saved(new_config());
+    expect_boot_changes_nothing();
+    given_config(FAILSAFE, FAILSAFE_HASH, old_config());
+    expect_boot_changes_nothing();
+}
+
+TEST_F(CutApply, ThatIsASuccessWithTheFailsafeConfigurationPersistentIsResumed) {
+    given_cut_apply("success");
+    given_config(FAILSAFE, FAILSAFE_HASH, old_config());
     expect_boot_changes_nothing();
 }
 
