@@ -263,6 +263,22 @@ TEST_F(FailedUpgrade, DoesNotStayForAnOlderFirmwareJob) {
     EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
 }
 
+TEST_F(FailedUpgrade, DoesNotStayForAYoungerJobOfTheModem) {
+    given_active_job(R"({"jobId":"67", "action":"FW", "status":"received", "timestamp":1001,
+                         "params":{"radio":true}})");
+    boot();
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
+}
+
+TEST_F(FailedUpgrade, StaysWithAYoungerJobWhoseRadioDoesNotReadTrue) {
+    for (const char *params : {R"({"radio":"true"})", R"({"radio":false})", R"([true])", R"("radio")"}) {
+        given_active_job(R"({"jobId":"67", "action":"FW", "status":"received", "timestamp":1001,
+                             "params":)" +
+                         std::string(params) + "}");
+        expect_it_stays();
+    }
+}
+
 TEST_F(FailedUpgrade, StaysWhileALocalUpgradeIsUnderWay) {
     write_text(LOCAL, "2\n");
     write_text(UPDATED, "2\n");
