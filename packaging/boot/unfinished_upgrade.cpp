@@ -58,12 +58,16 @@ void boot_other_slot(const std::string &job_id) {
 // --- An upgrade that was started on the device. Its record is the device's own; without its mark, what is left
 // would be taken for an upgrade of the cloud, so the mark goes last.
 
-void drop_local_upgrade() {
-    delete_installation_marks();
+void drop_local_mark() {
     delete_those({active_job_path(ID_LOCAL_FW_UPGRADE).c_str()});
     flush();
     delete_those({LOCAL_FW_UPGRADE_FILE});
     flush();
+}
+
+void drop_local_upgrade() {
+    delete_installation_marks();
+    drop_local_mark();
 }
 
 void finish_open_local_upgrade(int running) {
@@ -75,27 +79,6 @@ void finish_open_local_upgrade(int running) {
     }
     syslog(LOG_NOTICE, "the local upgrade is over: its mark is deleted");
     drop_local_upgrade();
-}
-
-void finish_local_upgrade(int running) {
-    const int slot = slot_in(LOCAL_FW_UPGRADE_FILE);
-    if (slot != NO_SLOT && slot != running) {
-        syslog(LOG_NOTICE, "slot %d of the local upgrade does not run: its marks are deleted", slot);
-        forget_migration();
-        drop_local_upgrade();
-        return;
-    }
-    const std::string status = text_of(stored_job(ID_LOCAL_FW_UPGRADE), KEY_STATUS);
-    if (slot == running && status == STATUS_FAILED) {
-        boot_other_slot(ID_LOCAL_FW_UPGRADE);
-    } else if (slot == running && status == STATUS_SUCCESS &&
-               compare_with_saved(object_in(STAGED_CONFIG.config)) == comparison::SAME) {
-        syslog(LOG_NOTICE, "the local upgrade is a success: its marks are deleted");
-        forget_migration();
-        drop_local_upgrade();
-    } else {
-        finish_open_local_upgrade(running);
-    }
 }
 
 // --- An upgrade of the cloud, by its job.
@@ -216,6 +199,55 @@ void finish_cloud_upgrade(int running) {
         finish_installed(firmware);
     else
         finish_not_installed(firmware);
+}
+
+// --- An upgrade that was started on the device, whose slot does not run.
+
+// FIRMWARE_UPDATED tells of another slot than the local upgrade's: it is of the cloud's, which was being verified
+// when somebody started this one.
+bool marks_are_of_the_cloud(int local_slot) {
+    const int slot = slot_in(FIRMWARE_UPDATED_FILE);
+    return slot != NO_SLOT && slot != local_slot;
+}
+
+void drop_chosen_local_upgrade() {
+    forget_migration();
+    drop_local_upgrade();
+}
+
+// The staged files stay, though they may be the local upgrade's copy of the persistent configuration: the
+// verification stages its job's configuration anew before it looks at them, and whatever ends it deletes them.
+void leave_to_the_cloud(int slot, int running) {
+    syslog(LOG_NOTICE, "slot %d of the local upgrade does not run: its mark is deleted", slot);
+    drop_local_mark();
+    finish_cloud_upgrade(running);
+}
+
+void finish_unbooted_local_upgrade(int slot, int running) {
+    if (marks_are_of_the_cloud(slot)) {
+        leave_to_the_cloud(slot, running);
+        return;
+    }
+    syslog(LOG_NOTICE, "slot %d of the local upgrade does not run: its marks are deleted", slot);
+    drop_chosen_local_upgrade();
+}
+
+void finish_local_upgrade(int running) {
+    const int slot = slot_in(LOCAL_FW_UPGRADE_FILE);
+    if (slot != NO_SLOT && slot != running) {
+        finish_unbooted_local_upgrade(slot, running);
+        return;
+    }
+    const std::string status = text_of(stored_job(ID_LOCAL_FW_UPGRADE), KEY_STATUS);
+    if (slot == running && status == STATUS_FAILED) {
+        boot_other_slot(ID_LOCAL_FW_UPGRADE);
+    } else if (slot == running && status == STATUS_SUCCESS &&
+               compare_with_saved(object_in(STAGED_CONFIG.config)) == comparison::SAME) {
+        syslog(LOG_NOTICE, "the local upgrade is a success: its marks are deleted");
+        drop_chosen_local_upgrade();
+    } else {
+        finish_open_local_upgrade(running);
+    }
 }
 
 } // namespace

@@ -217,6 +217,17 @@ TEST_F(BootThatIsCut, AtALocalUpgradeWhoseSlotDoesNotRun) {
     });
 }
 
+TEST_F(BootThatIsCut, AtALocalUpgradeBesideOneOfTheCloud) {
+    for (const char *status : {"executed", "success"}) {
+        expect_the_same_end([status] {
+            new_firmware_with(status);
+            given_saved(new_config());
+            given_record_of_local_upgrade("executed");
+            write_text(LOCAL, "1\n");
+        });
+    }
+}
+
 TEST_F(BootThatIsCut, AtALocalUpgradeThatIsASuccess) {
     expect_the_same_end([] { local_upgrade_with("success"); });
 }

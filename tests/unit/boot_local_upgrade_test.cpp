@@ -72,6 +72,32 @@ TEST_F(CutLocalUpgrade, OfAToolThatTellsNoSlotLosesItsMarksWithoutATrial) {
     expect_all_gone();
 }
 
+// The running firmware is the cloud's and is being verified; the local one was to replace the former firmware.
+TEST_F(CutLocalUpgrade, DoesNotTakeTheMarksOfAnUpgradeOfTheCloudWithIt) {
+    write_text(LOCAL, "1\n");
+    write_text(MIGRATE, "1.1.0\n");
+    given_firmware_job(firmware_job("executed"));
+    given_record_of_local_upgrade("executed");
+
+    boot();
+
+    EXPECT_FALSE(exists(LOCAL));
+    EXPECT_TRUE(exists(UPDATED) && exists(STAGED) && exists(STAGED_HASH) && exists(MIGRATE));
+    EXPECT_THAT(active_jobs(), ListIs("66"));
+    EXPECT_THAT(reboots(), IsEmpty());
+    EXPECT_THAT(log_lines(), ListIs(Notice("slot 1 of the local upgrade does not run: its mark is deleted")));
+}
+
+TEST_F(CutLocalUpgrade, IsNoReasonToLeaveAnUpgradeOfTheCloudUnfinished) {
+    write_text(LOCAL, "1\n");
+    given_firmware_job(firmware_job("failed"));
+
+    boot();
+
+    EXPECT_FALSE(any_exists({LOCAL, UPDATED, STAGED, STAGED_HASH}));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
+}
+
 // --- cut between the slot and the last mark
 
 TEST_F(CutLocalUpgrade, WhoseSlotWasChosenIsCompleted) {
