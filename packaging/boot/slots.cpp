@@ -6,7 +6,6 @@
 #include "platform/vantrel.h"
 
 #include <charconv>
-#include <string>
 #include <string_view>
 
 namespace {
@@ -47,8 +46,12 @@ int slot_of(const Json::Value &job) {
     return from_second.asBool() ? 1 : 2;
 }
 
+std::string line_of_installation() {
+    return line_of(INSTALLED_FILE);
+}
+
 bool nothing_was_installed_after(const Json::Value &job) {
-    const std::string line = line_of(INSTALLED_FILE);
+    const std::string line = line_of_installation();
     long long seconds = 0;
     const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), seconds);
     if (error != std::errc())

@@ -10,6 +10,8 @@
 
 #include <json/json.h>
 
+#include <string>
+
 inline constexpr int NO_SLOT = 0;
 
 // 2 when "/var/data/orv/ROOTFS2" is there, else 1.
@@ -23,6 +25,9 @@ bool is_on_trial(int slot);
 
 // The slot that a firmware job has installed into; NO_SLOT before it has begun.
 int slot_of(const Json::Value &job);
+
+// The line of "/var/data/boot/installed"; empty when there is none.
+std::string line_of_installation();
 
 // The latest installation was made for this job, or, where the tool does not tell for which, before the job ended.
 // False when there is no stamp.

@@ -4,6 +4,7 @@
 #include "jobs/job_record.h"
 #include "jobs/job_store.h"
 #include "jobs/markers.h"
+#include "packaging/boot/attempts.h"
 #include "packaging/boot/files.h"
 #include "packaging/boot/slots.h"
 #include "packaging/boot/stored_jobs.h"
@@ -48,11 +49,15 @@ void complete_marks(int slot) {
 }
 
 // The record that tells of the failure stays: until the other slot runs, it is what this is decided by.
-void boot_other_slot(const std::string &job_id) {
+attempt boot_other_slot(const std::string &job_id) {
+    const attempt noted = note_attempt("booting the other slot", job_id);
+    if (noted != attempt::NOTED)
+        return noted;
     syslog(LOG_ALERT, "job %s failed and its firmware still runs: booting the other one", job_id.c_str());
     delete_installation_marks();
     if (switch_firmware_partition() != 0)
         syslog(LOG_ERR, "the other firmware cannot be selected");
+    return noted;
 }
 
 // --- An upgrade that was started on the device. Its record is the device's own; without its mark, what is left
@@ -223,6 +228,13 @@ void leave_to_the_cloud(int slot, int running) {
     finish_cloud_upgrade(running);
 }
 
+// Where the other slot does not boot, this one has to do, and its mark would make a later upgrade of the cloud a
+// local one.
+void go_back_from_local_upgrade() {
+    if (boot_other_slot(ID_LOCAL_FW_UPGRADE) == attempt::GIVEN_UP)
+        drop_local_upgrade();
+}
+
 void finish_unbooted_local_upgrade(int slot, int running) {
     if (marks_are_of_the_cloud(slot)) {
         leave_to_the_cloud(slot, running);
@@ -240,7 +252,7 @@ void finish_local_upgrade(int running) {
     }
     const std::string status = text_of(stored_job(ID_LOCAL_FW_UPGRADE), KEY_STATUS);
     if (slot == running && status == STATUS_FAILED) {
-        boot_other_slot(ID_LOCAL_FW_UPGRADE);
+        go_back_from_local_upgrade();
     } else if (slot == running && status == STATUS_SUCCESS &&
                compare_with_saved(object_in(STAGED_CONFIG.config)) == comparison::SAME) {
         syslog(LOG_NOTICE, "the local upgrade is a success: its marks are deleted");

@@ -80,11 +80,18 @@ protected:
         make();
     }
 
+    // But for the count of attempts: a cut may cost one.
+    static std::map<std::string, std::string> all_but_attempts() {
+        auto files = all_files();
+        files.erase(ATTEMPTS);
+        return files;
+    }
+
     static void expect_the_same_end(const world &make, void (*verb)() = finish_what_a_cut_has_left) {
         given(make);
-        const auto before = all_files();
+        const auto before = all_but_attempts();
         verb();
-        const auto end = all_files();
+        const auto end = all_but_attempts();
         const auto rebooted = reboots();
         EXPECT_TRUE(end != before || !rebooted.empty()) << "nothing is done there";
 
@@ -100,7 +107,7 @@ protected:
                 was_cut = true;
                 subsets = 1U << *unflushed_then;
                 verb();
-                EXPECT_EQ(all_files(), end) << "cut before change " << nth << ", lost " << lost;
+                EXPECT_EQ(all_but_attempts(), end) << "cut before change " << nth << ", lost " << lost;
                 EXPECT_EQ(reboots(), rebooted) << "cut before change " << nth << ", lost " << lost;
             }
         }
