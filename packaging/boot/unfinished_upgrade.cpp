@@ -158,8 +158,10 @@ void drop_marks_of_success(const Json::Value &job) {
 }
 
 // A verification stores its success before it commits. With nothing to verify, the mark would make the agent go back
-// to the former firmware as soon as the success is told.
+// to the former firmware as soon as the success is told. A commit that kills the agent each time is left as it is.
 void reopen(Json::Value job) {
+    if (note_attempt("verifying its firmware again", job_id_of(job)) != attempt::NOTED)
+        return;
     syslog(LOG_NOTICE, "the success of job %s was not committed: its firmware is verified again",
            job_id_of(job).c_str());
     job[KEY_STATUS] = STATUS_EXECUTED;

@@ -126,3 +126,47 @@ TEST_F(BoundedAttempts, AtALocalUpgradeAreNoneWithoutANote) {
     EXPECT_TRUE(exists(LOCAL));
     EXPECT_THAT(active_jobs(), ListIs("LOCAL_FW_UPGRADE"));
 }
+
+// --- a commit that kills the agent each time
+
+class BoundedReopening : public BoundedAttempts {
+protected:
+    BoundedReopening() {
+        write_text(UPDATED, "");
+        given_staged(new_config());
+        given_saved(old_config());
+        given_firmware_job(firmware_job("success"));
+    }
+};
+
+TEST_F(BoundedReopening, IsThreeTimes) {
+    for (int i = 0; i < 3; ++i) {
+        boot_again();
+        EXPECT_THAT(active_job("66"), HasMembers(R"({"status":"executed"})")) << i;
+        given_firmware_job(firmware_job("success")); // stored again by the agent, and cut again
+    }
+
+    boot_again();
+
+    EXPECT_THAT(active_job("66"), HasMembers(R"({"status":"success"})"));
+    EXPECT_TRUE(exists(UPDATED) && exists(STAGED) && exists(STAGED_HASH));
+    EXPECT_THAT(log_lines(),
+                ListIs(Error("job 66: verifying its firmware again was tried 3 times: given up")));
+}
+
+TEST_F(BoundedReopening, IsNotTriedWithoutANote) {
+    fakes::always_returns("write_json_file", -1, "attempts");
+    boot();
+    EXPECT_THAT(active_job("66"), HasMembers(R"({"status":"success"})"));
+    EXPECT_THAT(log_lines(), ListIs(Error("job 66: verifying its firmware again is not tried: "
+                                          "/var/data/boot/attempts cannot be written")));
+}
+
+TEST_F(BoundedReopening, LeavesTheOtherSlotAllItsAttempts) {
+    for (int i = 0; i < 3; ++i) {
+        boot_again();
+        given_firmware_job(firmware_job("success"));
+    }
+    given_firmware_job(firmware_job("failed"));
+    expect_switches(3);
+}
