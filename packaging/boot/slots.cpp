@@ -21,22 +21,33 @@ std::string line_of(const char *path) {
     return text;
 }
 
+std::string mark_of(int slot) {
+    return "slot " + std::to_string(slot);
+}
+
 } // namespace
 
 int running_slot() {
     return is_regular_file(ROOTFS2_FILE) ? 2 : 1;
 }
 
-int slot_in(const char *path) {
+int slot_in_mark(const char *path) {
     const std::string line = line_of(path);
-    const std::string word = line.substr(0, line.find(' '));
-    if (word == "1")
-        return 1;
-    return word == "2" ? 2 : NO_SLOT;
+    for (const int slot : {1, 2})
+        if (line == mark_of(slot))
+            return slot;
+    return NO_SLOT;
+}
+
+bool set_mark(const char *path, int slot) {
+    const bool written = write_line(path, mark_of(slot));
+    flush();
+    return written;
 }
 
 bool is_on_trial(int slot) {
-    return slot_in(TRIAL_FILE) == slot;
+    const std::string line = line_of(TRIAL_FILE);
+    return line.substr(0, line.find(' ')) == std::to_string(slot);
 }
 
 int slot_of(const Json::Value &job) {

@@ -43,9 +43,8 @@ void delete_installation_marks() {
 
 void complete_marks(int slot) {
     syslog(LOG_NOTICE, "slot %d was chosen by an upgrade that was cut: FIRMWARE_UPDATED is set", slot);
-    if (write_json_file(FIRMWARE_UPDATED_FILE, slot) != 0)
+    if (!set_mark(FIRMWARE_UPDATED_FILE, slot))
         syslog(LOG_ERR, "%s cannot be written", FIRMWARE_UPDATED_FILE);
-    flush();
 }
 
 // The record that tells of the failure stays: until the other slot runs, it is what this is decided by.
@@ -139,7 +138,7 @@ bool lacks_its_commit(const Json::Value &job) {
 }
 
 void drop_marks_of_other_slot(int running) {
-    const int slot = slot_in(FIRMWARE_UPDATED_FILE);
+    const int slot = slot_in_mark(FIRMWARE_UPDATED_FILE);
     if (slot == NO_SLOT || slot == running)
         return;
     syslog(LOG_NOTICE, "slot %d of the upgrade does not run: its marks are deleted", slot);
@@ -213,7 +212,7 @@ void finish_cloud_upgrade(int running) {
 // FIRMWARE_UPDATED tells of another slot than the local upgrade's: it is of the cloud's, which was being verified
 // when somebody started this one.
 bool marks_are_of_the_cloud(int local_slot) {
-    const int slot = slot_in(FIRMWARE_UPDATED_FILE);
+    const int slot = slot_in_mark(FIRMWARE_UPDATED_FILE);
     return slot != NO_SLOT && slot != local_slot;
 }
 
@@ -247,7 +246,7 @@ void finish_unbooted_local_upgrade(int slot, int running) {
 }
 
 void finish_local_upgrade(int running) {
-    const int slot = slot_in(LOCAL_FW_UPGRADE_FILE);
+    const int slot = slot_in_mark(LOCAL_FW_UPGRADE_FILE);
     if (slot != NO_SLOT && slot != running) {
         finish_unbooted_local_upgrade(slot, running);
         return;

@@ -152,8 +152,8 @@ TEST_F(CutApply, OfALocalUpgradeThatIsResumedKeepsItsRecord) {
 TEST_F(CutApply, LeavesTheRecordOfALocalUpgradeThatIsUnderWay) {
     given_cut_apply("failed");
     given_record_of_local_upgrade("executed");
-    write_text(LOCAL, "1\n");
-    write_text(UPDATED, "1\n");
+    write_text(LOCAL, "slot 1\n");
+    write_text(UPDATED, "slot 1\n");
 
     boot();
 
@@ -284,7 +284,7 @@ protected:
 TEST_F(StepThatThrows, KeepsNoOtherFromBeingDone) {
     given_cut_apply("failed");
     given_active_job(R"({"jobId":"66", "status":"failed"})");
-    write_text(LOCAL, "1\n");
+    write_text(LOCAL, "slot 1\n");
     throws_at("delete_file /var/data/orv/FAILSAFE_TIMER");
 
     boot();
@@ -295,7 +295,7 @@ TEST_F(StepThatThrows, KeepsNoOtherFromBeingDone) {
 }
 
 TEST_F(StepThatThrows, IsTold) {
-    write_text(LOCAL, "1\n");
+    write_text(LOCAL, "slot 1\n");
     throws_at("delete_file /var/data/orv/LOCAL_FW_UPGRADE");
     boot();
     EXPECT_THAT(log_lines(), testing::Contains(Error("finish_upgrade: exception handler")));

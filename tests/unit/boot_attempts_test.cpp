@@ -101,7 +101,7 @@ TEST_F(BoundedAttempts, AreNoneWithoutANote) {
 // Its mark would make the next upgrade of the cloud a local one.
 TEST_F(BoundedAttempts, ThatAreOverEndALocalUpgrade) {
     given_record_of_local_upgrade("failed");
-    write_text(LOCAL, "2\n");
+    write_text(LOCAL, "slot 2\n");
     write_text(INSTALLED, "1500 -\n");
 
     expect_switches(3);
@@ -117,7 +117,7 @@ TEST_F(BoundedAttempts, ThatAreOverEndALocalUpgrade) {
 
 TEST_F(BoundedAttempts, AtALocalUpgradeAreNoneWithoutANote) {
     given_record_of_local_upgrade("failed");
-    write_text(LOCAL, "2\n");
+    write_text(LOCAL, "slot 2\n");
     fakes::always_returns("write_json_file", -1, "attempts");
 
     boot();

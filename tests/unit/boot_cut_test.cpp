@@ -118,7 +118,7 @@ protected:
         given_running_slot(2);
         given_firmware_job(firmware_job(status));
         given_staged(new_config());
-        write_text(UPDATED, "2\n");
+        write_text(UPDATED, "slot 2\n");
         write_text(MIGRATE, "1.1.0\n");
         write_text(TRIAL, "2 2\n");
     }
@@ -127,8 +127,8 @@ protected:
         given_running_slot(2);
         given_record_of_local_upgrade(status);
         given_staged(old_config());
-        write_text(LOCAL, "2\n");
-        write_text(UPDATED, "2\n");
+        write_text(LOCAL, "slot 2\n");
+        write_text(UPDATED, "slot 2\n");
         write_text(MIGRATE, "1.1.0\n");
         write_text(TRIAL, "2 2\n");
         write_text(INSTALLED, "1500 -\n");
@@ -230,7 +230,7 @@ TEST_F(BootThatIsCut, AtALocalUpgradeBesideOneOfTheCloud) {
             new_firmware_with(status);
             given_saved(new_config());
             given_record_of_local_upgrade("executed");
-            write_text(LOCAL, "1\n");
+            write_text(LOCAL, "slot 1\n");
         });
     }
 }

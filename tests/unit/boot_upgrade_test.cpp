@@ -3,6 +3,8 @@
 
 #include "tests/fakes/device.h"
 
+#include <sys/stat.h>
+
 using testing::Contains;
 using testing::IsEmpty;
 
@@ -11,7 +13,7 @@ protected:
     // The new firmware runs, installed and not verified.
     CloudUpgrade() {
         given_running_slot(2);
-        write_text(UPDATED, "2\n");
+        write_text(UPDATED, "slot 2\n");
         given_staged(new_config());
         write_text(MIGRATE, "1.1.0\n");
     }
@@ -171,7 +173,7 @@ TEST_F(FailedUpgrade, WhoseSlotRunsBootsTheOtherOne) {
 }
 
 TEST_F(FailedUpgrade, WithItsMarksBootsTheOtherOneWithoutThem) {
-    write_text(UPDATED, "2\n");
+    write_text(UPDATED, "slot 2\n");
     given_staged(new_config());
 
     boot();
@@ -280,8 +282,8 @@ TEST_F(FailedUpgrade, StaysWithAYoungerJobWhoseRadioDoesNotReadTrue) {
 }
 
 TEST_F(FailedUpgrade, StaysWhileALocalUpgradeIsUnderWay) {
-    write_text(LOCAL, "2\n");
-    write_text(UPDATED, "2\n");
+    write_text(LOCAL, "slot 2\n");
+    write_text(UPDATED, "slot 2\n");
     given_staged(new_config());
     expect_it_stays();
 }
@@ -290,9 +292,9 @@ TEST_F(FailedUpgrade, StaysWhileALocalUpgradeIsUnderWay) {
 TEST_F(FailedUpgrade, StaysAfterALocalUpgradeThatSucceededTwoBootsLater) {
     given_running_slot(1); // it had gone back
     boot();
-    write_text(LOCAL, "2\n");
+    write_text(LOCAL, "slot 2\n");
     write_text(INSTALLED, "3000 -\n");
-    write_text(UPDATED, "2\n");
+    write_text(UPDATED, "slot 2\n");
     given_staged(new_config());
     given_running_slot(2);
     boot();
@@ -333,7 +335,7 @@ protected:
 TEST_F(CutTool, WhoseSlotWasChosenIsCompleted) {
     boot();
 
-    EXPECT_EQ(file_text(UPDATED), "2\n");
+    EXPECT_EQ(file_text(UPDATED), "slot 2\n");
     EXPECT_THAT(log_lines(),
                 ListIs(Notice("slot 2 was chosen by an upgrade that was cut: FIRMWARE_UPDATED is set")));
     EXPECT_THAT(calls().back(), testing::StrEq("sync_to_fs 2"));
@@ -367,9 +369,17 @@ TEST_F(CutTool, IsNotCompletedForAJobThatHasEnded) {
 }
 
 TEST_F(CutTool, ThatCannotBeCompletedIsTold) {
-    fakes::always_returns("write_json_file", -1, "FIRMWARE_UPDATED");
+    mkdir("/var/data/orv/.FIRMWARE_UPDATED", 0755); // where it is written first
     boot();
+    EXPECT_FALSE(exists(UPDATED));
     EXPECT_THAT(log_lines(), Contains(Error("/var/data/orv/FIRMWARE_UPDATED cannot be written")));
+}
+
+TEST_F(CutTool, IsCompletedOverWhatACutHasLeftOfThat) {
+    write_text("/var/data/orv/.FIRMWARE_UPDATED", "slot 2 and more");
+    boot();
+    EXPECT_EQ(file_text(UPDATED), "slot 2\n");
+    EXPECT_FALSE(exists("/var/data/orv/.FIRMWARE_UPDATED"));
 }
 
 TEST_F(CutTool, LeavesNoStagedConfigurationWithoutAFirmware) {
@@ -402,7 +412,8 @@ TEST_F(GivenUpSlot, TakesTheMarksOfItsUpgradeWithIt) {
 }
 
 TEST_F(GivenUpSlot, IsNotKnownFromAMarkThatDoesNotTellIt) {
-    for (const char *mark : {"", "1.1.0\n", "3\n"}) {
+    for (const char *mark : {"", "1\n", "2\n", "1.1.0\n", "3\n", "slot\n", "slot 3\n", "slot 21\n",
+                             "slot 2 3\n", "slot  2\n", "\"slot 2\"\n"}) {
         write_text(UPDATED, mark);
         expect_boot_changes_nothing();
     }
