@@ -6,7 +6,8 @@
 #include "platform/vantrel.h"
 
 #include <charconv>
-#include <string_view>
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -23,6 +24,34 @@ std::string line_of(const char *path) {
 
 std::string mark_of(int slot) {
     return "slot " + std::to_string(slot);
+}
+
+struct installation {
+    bool is_known = false;
+    long long seconds = 0;
+    std::optional<std::string> job; // nothing where the tool does not tell
+};
+
+installation latest_installation() {
+    const std::string line = line_of_installation();
+    installation latest;
+    const char *const last = line.data() + line.size();
+    const auto [end, error] = std::from_chars(line.data(), last, latest.seconds);
+    latest.is_known = error == std::errc() && (end == last || *end == ' ');
+    if (latest.is_known && end != last)
+        latest.job = std::string(end + 1, last);
+    return latest;
+}
+
+// The agent has made the record anew, because it could not be read: it tells of its failure and nothing before.
+bool is_repaired(const Json::Value &job) {
+    return text_of(job, KEY_STATUS) == STATUS_FAILED && !job.isMember(KEY_PARTITION2);
+}
+
+int slot_of_repaired(const Json::Value &job) {
+    const int running = running_slot();
+    const bool is_its_own = latest_installation().job == text_of(job, KEY_JOB_ID);
+    return is_its_own && is_on_trial(running) ? running : NO_SLOT;
 }
 
 } // namespace
@@ -50,27 +79,25 @@ bool is_on_trial(int slot) {
     return line.substr(0, line.find(' ')) == std::to_string(slot);
 }
 
-int slot_of(const Json::Value &job) {
-    const Json::Value &from_second = job[KEY_PARTITION2];
-    if (!from_second.isBool())
-        return NO_SLOT;
-    return from_second.asBool() ? 1 : 2;
-}
-
 std::string line_of_installation() {
     return line_of(INSTALLED_FILE);
 }
 
 bool nothing_was_installed_after(const Json::Value &job) {
-    const std::string line = line_of_installation();
-    long long seconds = 0;
-    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), seconds);
-    if (error != std::errc())
+    const installation latest = latest_installation();
+    if (!latest.is_known)
         return false;
-    const std::string_view rest(end, static_cast<size_t>(line.data() + line.size() - end));
-    if (rest.empty()) {
-        const Json::Value &ended = job[KEY_ACK_TS];
-        return ended.isInt64() && seconds < ended.asInt64();
-    }
-    return rest.front() == ' ' && rest.substr(1) == text_of(job, KEY_JOB_ID);
+    if (latest.job)
+        return *latest.job == text_of(job, KEY_JOB_ID);
+    const Json::Value &ended = job[KEY_ACK_TS];
+    return ended.isInt64() && latest.seconds < ended.asInt64();
+}
+
+int slot_of(const Json::Value &job) {
+    if (is_repaired(job))
+        return slot_of_repaired(job);
+    const Json::Value &from_second = job[KEY_PARTITION2];
+    if (!from_second.isBool())
+        return NO_SLOT;
+    return from_second.asBool() ? 1 : 2;
 }

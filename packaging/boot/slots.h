@@ -27,7 +27,8 @@ bool set_mark(const char *path, int slot);
 // An upgrade has chosen this slot, and it has not proved itself yet.
 bool is_on_trial(int slot);
 
-// The slot that a firmware job has installed into; NO_SLOT before it has begun.
+// The slot that a firmware job has installed into; NO_SLOT before it has begun. Of a failed job whose record does not
+// tell it, the running one, if that is on trial and the latest installation was for this job.
 int slot_of(const Json::Value &job);
 
 // The line of "/var/data/boot/installed"; empty when there is none.

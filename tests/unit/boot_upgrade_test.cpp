@@ -320,6 +320,66 @@ TEST_F(FailedUpgrade, OfTheModemSaysNothingOfTheSystem) {
     expect_it_stays();
 }
 
+// --- a record that could not be read, and was repaired: nothing but its failure
+
+class RepairedUpgrade : public FailedUpgrade {
+protected:
+    RepairedUpgrade() {
+        given_firmware_job(
+            json(R"({"jobId":"66", "action":"FW", "status":"failed", "ack":false, "ackId":7})"));
+        write_text(TRIAL, "2 2\n");
+    }
+};
+
+TEST_F(RepairedUpgrade, WhoseSlotRunsBootsTheOtherOne) {
+    boot();
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
+    EXPECT_THAT(log_lines(),
+                ListIs(Alert("job 66 failed and its firmware still runs: booting the other one")));
+}
+
+TEST_F(RepairedUpgrade, IsOverInTheOtherSlot) {
+    given_running_slot(1);
+    expect_it_stays();
+}
+
+TEST_F(RepairedUpgrade, StaysInASlotThatIsNotOnTrial) {
+    write_text(TRIAL, "1 2\n");
+    expect_it_stays();
+    unlink(TRIAL);
+    expect_it_stays();
+}
+
+TEST_F(RepairedUpgrade, StaysWhenTheInstallationDoesNotNameIt) {
+    for (const char *stamp : {"1500 -\n", "1500 67\n", "1500\n", "1500 \n", ""}) {
+        write_text(INSTALLED, stamp);
+        expect_it_stays();
+    }
+}
+
+TEST_F(RepairedUpgrade, StaysWhenItTellsAnotherSlotOrNone) {
+    for (const char *slot : {"true", "null", "7"}) {
+        Json::Value told = active_job("66");
+        told["partition2"] = json(slot);
+        given_firmware_job(told);
+        expect_it_stays();
+    }
+}
+
+TEST_F(RepairedUpgrade, StaysWithAnotherFirmwareJob) {
+    given_active_job(R"({"jobId":"67", "action":"FW", "status":"received", "timestamp":1001})");
+    expect_it_stays();
+}
+
+TEST_F(RepairedUpgrade, IsNoneThatHasNotEnded) {
+    for (const char *status : {"received", "executed", "success"}) {
+        Json::Value other = active_job("66");
+        other["status"] = status;
+        given_firmware_job(other);
+        expect_it_stays();
+    }
+}
+
 // --- the tool was cut
 
 class CutTool : public CloudUpgrade {
