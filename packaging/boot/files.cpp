@@ -39,7 +39,8 @@ Json::Value object_in(const char *path) {
 
 bool write_line(const std::string &path, const std::string &line) {
     const fs::path target(path);
-    const fs::path part = target.parent_path() / ("." + target.filename().string());
+    fs::path part = target.parent_path() / ".";
+    part += target.filename();
     std::ofstream file(part, std::ios::trunc);
     file << line << '\n';
     file.close();
