@@ -45,10 +45,7 @@ bool write_line(const std::string &path, const std::string &line) {
     file << line << '\n';
     file.close();
     flush(); // the text before the name
-    if (file && std::rename(part.c_str(), path.c_str()) == 0)
-        return true;
-    std::remove(part.c_str());
-    return false;
+    return file && std::rename(part.c_str(), path.c_str()) == 0;
 }
 
 // A pipe would hold up whoever opens it.

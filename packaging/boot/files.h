@@ -15,8 +15,8 @@ bool delete_those(std::initializer_list<const char *> paths);
 // A JSON object; null when there is none at the path, or something else.
 Json::Value object_in(const char *path);
 
-// A file of this one line, whole or not at all, as the upgrade tools write theirs: by way of ".NAME" beside it. Not
-// flushed. False when it cannot be written.
+// A file of this one line, whole or not at all, as the upgrade tools write theirs: by way of ".NAME" beside it,
+// which the next one takes over where it is left. Not flushed. False when it cannot be written.
 bool write_line(const std::string &path, const std::string &line);
 
 bool is_regular_file(const std::string &path);

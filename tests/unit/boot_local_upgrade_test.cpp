@@ -88,6 +88,16 @@ TEST_F(CutLocalUpgrade, DoesNotTakeTheMarksOfAnUpgradeOfTheCloudWithIt) {
     EXPECT_THAT(log_lines(), ListIs(Notice("slot 1 of the local upgrade does not run: its mark is deleted")));
 }
 
+TEST_F(CutLocalUpgrade, TakesAMarkOfNoSlotForItsOwn) {
+    given_running_slot(1);
+    for (const char *mark : {"1.1.0\n", "1\n", ""}) {
+        write_text(LOCAL, "slot 2\n");
+        write_text(UPDATED, mark);
+        boot();
+        expect_all_gone();
+    }
+}
+
 TEST_F(CutLocalUpgrade, IsNoReasonToLeaveAnUpgradeOfTheCloudUnfinished) {
     write_text(LOCAL, "slot 1\n");
     given_firmware_job(firmware_job("failed"));
