@@ -141,10 +141,14 @@ void report_overridden(Json::Value &job) {
         update_job_status(job, POST_STATUS);
 }
 
-void revert_upgrade(Json::Value &job) {
-    report_overridden(job);
+void boot_former_firmware(Json::Value &job) {
     job[KEY_STATUS] = STATUS_FAILED;
     finalise_fw_install(job, SWITCH_PARTITION);
+}
+
+void revert_upgrade(Json::Value &job) {
+    report_overridden(job);
+    boot_former_firmware(job);
 }
 
 // The configuration could not be staged. The report of an overridden job stores that end, else nothing has yet.
@@ -153,6 +157,17 @@ void revert_unstaged(Json::Value &job) {
     if (!job.isMember(KEY_OVERRIDE_STATUS))
         stamp_status(job);
     revert_upgrade(job);
+}
+
+// An apply that failed has stored the end. A verification that ended before its apply, or after it had succeeded,
+// has not.
+void revert_unverified(Json::Value &job) {
+    job[KEY_SWITCH_PARTITION] = true;
+    const bool is_stored = text_of(job, KEY_STATUS) == STATUS_FAILED;
+    report_overridden(job);
+    if (!is_stored)
+        stamp_status(job);
+    boot_former_firmware(job);
 }
 
 void complete_upgrade(Json::Value &job) {
@@ -234,8 +249,7 @@ void check_fw_upgrade_result(tessard &client, Json::Value &job) {
         return;
     }
     if (verify_upgrade_config(client, job) != 0) {
-        job[KEY_SWITCH_PARTITION] = true;
-        revert_upgrade(job); // the apply has stored the end
+        revert_unverified(job);
         return;
     }
     complete_upgrade(job);

@@ -3,7 +3,8 @@
 //
 // Each runs on one thread while no agent runs, and nobody else changes these files meanwhile. Each says in the
 // system log what it did, one line a deed, and nothing when there was nothing to do. Cut anywhere and called again,
-// it comes to the same end. What it cannot read or does not know it leaves alone. Neither throws.
+// it comes to the same end; a cut may cost one of the attempts of packaging/boot/attempts.h. What it cannot read or
+// does not know it leaves alone. Neither throws.
 #pragma once
 
 // Before the running configuration is made and before the agent's first start of a boot. "/var/data/orv/ROOTFS2" must

@@ -5,8 +5,14 @@
 #include "platform/cmd.h"
 #include "platform/vantrel.h"
 
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
 #include <sys/stat.h>
 #include <syslog.h>
+
+namespace fs = std::filesystem;
 
 void flush() {
     sync_to_fs(SYNC_PERSISTENT);
@@ -29,6 +35,17 @@ Json::Value object_in(const char *path) {
     if (!is_regular_file(path) || read_json_file(path, value) != 0 || !value.isObject())
         return {};
     return value;
+}
+
+bool write_line(const std::string &path, const std::string &line) {
+    const fs::path target(path);
+    fs::path part = target.parent_path() / ".";
+    part += target.filename();
+    std::ofstream file(part, std::ios::trunc);
+    file << line << '\n';
+    file.close();
+    flush(); // the text before the name
+    return file && std::rename(part.c_str(), path.c_str()) == 0;
 }
 
 // A pipe would hold up whoever opens it.

@@ -1,4 +1,4 @@
-// Files as the steps look at them and delete them.
+// Files as the steps look at them, write and delete them.
 #pragma once
 
 #include <json/json.h>
@@ -14,6 +14,10 @@ bool delete_those(std::initializer_list<const char *> paths);
 
 // A JSON object; null when there is none at the path, or something else.
 Json::Value object_in(const char *path);
+
+// A file of this one line, whole or not at all, as the upgrade tools write theirs: by way of ".NAME" beside it,
+// which the next one takes over where it is left. Not flushed. False when it cannot be written.
+bool write_line(const std::string &path, const std::string &line);
 
 bool is_regular_file(const std::string &path);
 

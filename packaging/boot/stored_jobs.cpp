@@ -35,7 +35,7 @@ bool is_firmware_job(const Json::Value &job) {
     const std::string action = text_of(job, KEY_ACTION);
     const bool firmware = action == ACTION_FW || action == ACTION_FW_LOWER || action == ACTION_FW_PUT ||
                           action == ACTION_FW_PUT_LOWER;
-    return firmware && !is_true(job, KEY_RADIO);
+    return firmware && !is_true(job, KEY_RADIO) && !is_true(job[KEY_PARAMS], KEY_RADIO);
 }
 
 void store_job(const Json::Value &job) {

@@ -15,7 +15,7 @@ Json::Value stored_job(const std::string &job_id);
 
 bool is_final(const Json::Value &job);
 
-// Asks for a system firmware, not for one of the modem.
+// Asks for a system firmware, not for one of the modem: "radio", in "params" while the job waits.
 bool is_firmware_job(const Json::Value &job);
 
 // Writes the record and flushes it; says so in the log when that fails.

@@ -13,10 +13,14 @@
 namespace {
 
 // A success has been committed. A failure has not: the device boots with the former configuration, or with the
-// failsafe one where that is back already.
+// failsafe one where that is back already, which may be the very one that was sent.
 bool boots_with_what_the_end_says(const std::string &status) {
     const comparison with_candidate = compare_with_saved(object_in(NEW_CONFIG_COPY));
-    return with_candidate == (status == STATUS_SUCCESS ? comparison::SAME : comparison::OTHER);
+    if (status == STATUS_SUCCESS)
+        return with_candidate == comparison::SAME;
+    if (with_candidate != comparison::SAME)
+        return with_candidate == comparison::OTHER;
+    return compare_with_saved(object_in(FAILSAFE_FILES.config)) == comparison::SAME;
 }
 
 bool forget_apply() {

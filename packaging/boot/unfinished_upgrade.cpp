@@ -4,6 +4,7 @@
 #include "jobs/job_record.h"
 #include "jobs/job_store.h"
 #include "jobs/markers.h"
+#include "packaging/boot/attempts.h"
 #include "packaging/boot/files.h"
 #include "packaging/boot/slots.h"
 #include "packaging/boot/stored_jobs.h"
@@ -42,28 +43,35 @@ void delete_installation_marks() {
 
 void complete_marks(int slot) {
     syslog(LOG_NOTICE, "slot %d was chosen by an upgrade that was cut: FIRMWARE_UPDATED is set", slot);
-    if (write_json_file(FIRMWARE_UPDATED_FILE, slot) != 0)
+    if (!set_mark(FIRMWARE_UPDATED_FILE, slot))
         syslog(LOG_ERR, "%s cannot be written", FIRMWARE_UPDATED_FILE);
-    flush();
 }
 
 // The record that tells of the failure stays: until the other slot runs, it is what this is decided by.
-void boot_other_slot(const std::string &job_id) {
+attempt boot_other_slot(const std::string &job_id) {
+    const attempt noted = note_attempt("booting the other slot", job_id);
+    if (noted != attempt::NOTED)
+        return noted;
     syslog(LOG_ALERT, "job %s failed and its firmware still runs: booting the other one", job_id.c_str());
     delete_installation_marks();
     if (switch_firmware_partition() != 0)
         syslog(LOG_ERR, "the other firmware cannot be selected");
+    return noted;
 }
 
 // --- An upgrade that was started on the device. Its record is the device's own; without its mark, what is left
 // would be taken for an upgrade of the cloud, so the mark goes last.
 
-void drop_local_upgrade() {
-    delete_installation_marks();
+void drop_local_mark() {
     delete_those({active_job_path(ID_LOCAL_FW_UPGRADE).c_str()});
     flush();
     delete_those({LOCAL_FW_UPGRADE_FILE});
     flush();
+}
+
+void drop_local_upgrade() {
+    delete_installation_marks();
+    drop_local_mark();
 }
 
 void finish_open_local_upgrade(int running) {
@@ -75,27 +83,6 @@ void finish_open_local_upgrade(int running) {
     }
     syslog(LOG_NOTICE, "the local upgrade is over: its mark is deleted");
     drop_local_upgrade();
-}
-
-void finish_local_upgrade(int running) {
-    const int slot = slot_in(LOCAL_FW_UPGRADE_FILE);
-    if (slot != NO_SLOT && slot != running) {
-        syslog(LOG_NOTICE, "slot %d of the local upgrade does not run: its marks are deleted", slot);
-        forget_migration();
-        drop_local_upgrade();
-        return;
-    }
-    const std::string status = text_of(stored_job(ID_LOCAL_FW_UPGRADE), KEY_STATUS);
-    if (slot == running && status == STATUS_FAILED) {
-        boot_other_slot(ID_LOCAL_FW_UPGRADE);
-    } else if (slot == running && status == STATUS_SUCCESS &&
-               compare_with_saved(object_in(STAGED_CONFIG.config)) == comparison::SAME) {
-        syslog(LOG_NOTICE, "the local upgrade is a success: its marks are deleted");
-        forget_migration();
-        drop_local_upgrade();
-    } else {
-        finish_open_local_upgrade(running);
-    }
 }
 
 // --- An upgrade of the cloud, by its job.
@@ -151,7 +138,7 @@ bool lacks_its_commit(const Json::Value &job) {
 }
 
 void drop_marks_of_other_slot(int running) {
-    const int slot = slot_in(FIRMWARE_UPDATED_FILE);
+    const int slot = slot_in_mark(FIRMWARE_UPDATED_FILE);
     if (slot == NO_SLOT || slot == running)
         return;
     syslog(LOG_NOTICE, "slot %d of the upgrade does not run: its marks are deleted", slot);
@@ -170,8 +157,10 @@ void drop_marks_of_success(const Json::Value &job) {
 }
 
 // A verification stores its success before it commits. With nothing to verify, the mark would make the agent go back
-// to the former firmware as soon as the success is told.
+// to the former firmware as soon as the success is told. A commit that kills the agent each time is left as it is.
 void reopen(Json::Value job) {
+    if (note_attempt("verifying its firmware again", job_id_of(job)) != attempt::NOTED)
+        return;
     syslog(LOG_NOTICE, "the success of job %s was not committed: its firmware is verified again",
            job_id_of(job).c_str());
     job[KEY_STATUS] = STATUS_EXECUTED;
@@ -216,6 +205,62 @@ void finish_cloud_upgrade(int running) {
         finish_installed(firmware);
     else
         finish_not_installed(firmware);
+}
+
+// --- An upgrade that was started on the device, whose slot does not run.
+
+// FIRMWARE_UPDATED tells of another slot than the local upgrade's: it is of the cloud's, which was being verified
+// when somebody started this one.
+bool marks_are_of_the_cloud(int local_slot) {
+    const int slot = slot_in_mark(FIRMWARE_UPDATED_FILE);
+    return slot != NO_SLOT && slot != local_slot;
+}
+
+void drop_chosen_local_upgrade() {
+    forget_migration();
+    drop_local_upgrade();
+}
+
+// The staged files stay, though they may be the local upgrade's copy of the persistent configuration: the
+// verification stages its job's configuration anew before it looks at them, and whatever ends it deletes them.
+void leave_to_the_cloud(int slot, int running) {
+    syslog(LOG_NOTICE, "slot %d of the local upgrade does not run: its mark is deleted", slot);
+    drop_local_mark();
+    finish_cloud_upgrade(running);
+}
+
+// Where the other slot does not boot, this one has to do, and its mark would make a later upgrade of the cloud a
+// local one.
+void go_back_from_local_upgrade() {
+    if (boot_other_slot(ID_LOCAL_FW_UPGRADE) == attempt::GIVEN_UP)
+        drop_local_upgrade();
+}
+
+void finish_unbooted_local_upgrade(int slot, int running) {
+    if (marks_are_of_the_cloud(slot)) {
+        leave_to_the_cloud(slot, running);
+        return;
+    }
+    syslog(LOG_NOTICE, "slot %d of the local upgrade does not run: its marks are deleted", slot);
+    drop_chosen_local_upgrade();
+}
+
+void finish_local_upgrade(int running) {
+    const int slot = slot_in_mark(LOCAL_FW_UPGRADE_FILE);
+    if (slot != NO_SLOT && slot != running) {
+        finish_unbooted_local_upgrade(slot, running);
+        return;
+    }
+    const std::string status = text_of(stored_job(ID_LOCAL_FW_UPGRADE), KEY_STATUS);
+    if (slot == running && status == STATUS_FAILED) {
+        go_back_from_local_upgrade();
+    } else if (slot == running && status == STATUS_SUCCESS &&
+               compare_with_saved(object_in(STAGED_CONFIG.config)) == comparison::SAME) {
+        syslog(LOG_NOTICE, "the local upgrade is a success: its marks are deleted");
+        drop_chosen_local_upgrade();
+    } else {
+        finish_open_local_upgrade(running);
+    }
 }
 
 } // namespace

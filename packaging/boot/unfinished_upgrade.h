@@ -8,5 +8,5 @@
 // Drops the marks of an upgrade whose slot was not chosen, or has been given up by the boot loader; completes those
 // of one whose slot was chosen. Deletes the marks of one that is a stored success and committed; one that lacks the
 // commit is open again. Boots the other slot, and does not return, when the slot of a stored failure still runs.
-// Everything else the agent verifies.
+// These last two a bounded number of times, see packaging/boot/attempts.h. Everything else the agent verifies.
 void finish_upgrade();

@@ -95,7 +95,7 @@ def test_a_success_that_is_cut_before_its_mark_is_gone_keeps_its_firmware(router
     cfg = configuration.changed(configuration.read(router), system__failsafe__enable=False)
     send(router, cloud, firmware.job(files, firmware.image(), cfg))
     wait_for_stored(router, "fw", "success")
-    assert router.text(f"{MARKS}/FIRMWARE_UPDATED") == "2\n"
+    assert router.text(f"{MARKS}/FIRMWARE_UPDATED") == "slot 2\n"
     router.power_cut()
     assert firmware.wait_for_archived(router)["status"] == "success"
     router.reboot()
@@ -153,7 +153,7 @@ def cut_local_upgrade(router, files, fault):
 
 def test_a_local_upgrade_that_is_cut_before_the_slot_is_chosen_leaves_nothing(router, files):
     cut_local_upgrade(router, files, "wait-before-switch")
-    assert router.text(f"{MARKS}/LOCAL_FW_UPGRADE") == "2\n"
+    assert router.text(f"{MARKS}/LOCAL_FW_UPGRADE") == "slot 2\n"
     assert router.text(f"{MARKS}/FIRMWARE_UPDATED") == ""
     router.power_cut()
     assert told(router) == ["slot 2 of the local upgrade does not run: its marks are deleted"]

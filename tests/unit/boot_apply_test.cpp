@@ -61,10 +61,30 @@ TEST_F(CutApply, ThatIsASuccessWithoutItsCommitIsResumed) {
     expect_boot_changes_nothing();
 }
 
+// A device that ran another configuration was sent the one that its failsafe copy holds, and took that back.
+TEST_F(CutApply, ThatHadFailedWithTheFailsafeConfigurationIsNotResumed) {
+    given_cut_apply("failed");
+    given_saved(new_config());
+    given_config(FAILSAFE, FAILSAFE_HASH, new_config());
+
+    boot();
+
+    EXPECT_FALSE(any_exists(REMNANTS));
+    EXPECT_THAT(file_json(SAVED), IsJson(new_config()));
+}
+
 // Whatever has made it persistent, the record does not tell of it.
 TEST_F(CutApply, ThatHadFailedWithItsCandidatePersistentIsResumed) {
     given_cut_apply("failed");
     given_saved(new_config());
+    expect_boot_changes_nothing();
+    given_config(FAILSAFE, FAILSAFE_HASH, old_config());
+    expect_boot_changes_nothing();
+}
+
+TEST_F(CutApply, ThatIsASuccessWithTheFailsafeConfigurationPersistentIsResumed) {
+    given_cut_apply("success");
+    given_config(FAILSAFE, FAILSAFE_HASH, old_config());
     expect_boot_changes_nothing();
 }
 
@@ -132,8 +152,8 @@ TEST_F(CutApply, OfALocalUpgradeThatIsResumedKeepsItsRecord) {
 TEST_F(CutApply, LeavesTheRecordOfALocalUpgradeThatIsUnderWay) {
     given_cut_apply("failed");
     given_record_of_local_upgrade("executed");
-    write_text(LOCAL, "1\n");
-    write_text(UPDATED, "1\n");
+    write_text(LOCAL, "slot 1\n");
+    write_text(UPDATED, "slot 1\n");
 
     boot();
 
@@ -264,7 +284,7 @@ protected:
 TEST_F(StepThatThrows, KeepsNoOtherFromBeingDone) {
     given_cut_apply("failed");
     given_active_job(R"({"jobId":"66", "status":"failed"})");
-    write_text(LOCAL, "1\n");
+    write_text(LOCAL, "slot 1\n");
     throws_at("delete_file /var/data/orv/FAILSAFE_TIMER");
 
     boot();
@@ -275,7 +295,7 @@ TEST_F(StepThatThrows, KeepsNoOtherFromBeingDone) {
 }
 
 TEST_F(StepThatThrows, IsTold) {
-    write_text(LOCAL, "1\n");
+    write_text(LOCAL, "slot 1\n");
     throws_at("delete_file /var/data/orv/LOCAL_FW_UPGRADE");
     boot();
     EXPECT_THAT(log_lines(), testing::Contains(Error("finish_upgrade: exception handler")));

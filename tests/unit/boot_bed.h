@@ -12,6 +12,7 @@ constexpr const char *LOCAL = "/var/data/orv/LOCAL_FW_UPGRADE";
 constexpr const char *MIGRATE = "/var/data/orv/MIGRATE";
 constexpr const char *TRIAL = "/var/data/boot/trial";
 constexpr const char *INSTALLED = "/var/data/boot/installed";
+constexpr const char *ATTEMPTS = "/var/data/boot/attempts";
 
 class BootTest : public ConfigTest {
 protected:

@@ -10,8 +10,8 @@ protected:
     // From slot 1 to slot 2, which runs; installed and not verified.
     CutLocalUpgrade() {
         given_running_slot(2);
-        write_text(LOCAL, "2\n");
-        write_text(UPDATED, "2\n");
+        write_text(LOCAL, "slot 2\n");
+        write_text(UPDATED, "slot 2\n");
         write_text(TRIAL, "2 2\n");
         write_text(INSTALLED, "1500 -\n");
         given_staged(old_config());
@@ -32,7 +32,7 @@ TEST_F(CutLocalUpgrade, ThatIsNotVerifiedIsLeftToTheAgent) {
 }
 
 TEST_F(CutLocalUpgrade, OfAToolThatTellsNoSlotIsLeftToTheAgent) {
-    for (const char *mark : {"", "yes\n"}) {
+    for (const char *mark : {"", "yes\n", "1\n", "2\n"}) {
         for (const char *status : {"executed", "success", "failed"}) {
             write_text(LOCAL, mark);
             given_record_of_local_upgrade(status);
@@ -72,17 +72,53 @@ TEST_F(CutLocalUpgrade, OfAToolThatTellsNoSlotLosesItsMarksWithoutATrial) {
     expect_all_gone();
 }
 
+// The running firmware is the cloud's and is being verified; the local one was to replace the former firmware.
+TEST_F(CutLocalUpgrade, DoesNotTakeTheMarksOfAnUpgradeOfTheCloudWithIt) {
+    write_text(LOCAL, "slot 1\n");
+    write_text(MIGRATE, "1.1.0\n");
+    given_firmware_job(firmware_job("executed"));
+    given_record_of_local_upgrade("executed");
+
+    boot();
+
+    EXPECT_FALSE(exists(LOCAL));
+    EXPECT_TRUE(exists(UPDATED) && exists(STAGED) && exists(STAGED_HASH) && exists(MIGRATE));
+    EXPECT_THAT(active_jobs(), ListIs("66"));
+    EXPECT_THAT(reboots(), IsEmpty());
+    EXPECT_THAT(log_lines(), ListIs(Notice("slot 1 of the local upgrade does not run: its mark is deleted")));
+}
+
+TEST_F(CutLocalUpgrade, TakesAMarkOfNoSlotForItsOwn) {
+    given_running_slot(1);
+    for (const char *mark : {"1.1.0\n", "1\n", ""}) {
+        write_text(LOCAL, "slot 2\n");
+        write_text(UPDATED, mark);
+        boot();
+        expect_all_gone();
+    }
+}
+
+TEST_F(CutLocalUpgrade, IsNoReasonToLeaveAnUpgradeOfTheCloudUnfinished) {
+    write_text(LOCAL, "slot 1\n");
+    given_firmware_job(firmware_job("failed"));
+
+    boot();
+
+    EXPECT_FALSE(any_exists({LOCAL, UPDATED, STAGED, STAGED_HASH}));
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
+}
+
 // --- cut between the slot and the last mark
 
 TEST_F(CutLocalUpgrade, WhoseSlotWasChosenIsCompleted) {
-    for (const char *mark : {"2\n", ""}) {
+    for (const char *mark : {"slot 2\n", ""}) {
         fakes::reset_log();
         write_text(LOCAL, mark);
         unlink(UPDATED);
 
         boot();
 
-        EXPECT_EQ(file_text(UPDATED), "2\n");
+        EXPECT_EQ(file_text(UPDATED), "slot 2\n");
         EXPECT_TRUE(exists(LOCAL) && exists(STAGED) && exists(STAGED_HASH));
         EXPECT_THAT(log_lines(),
                     ListIs(Notice("slot 2 was chosen by an upgrade that was cut: FIRMWARE_UPDATED is set")));

@@ -3,6 +3,8 @@
 
 #include "tests/fakes/device.h"
 
+#include <sys/stat.h>
+
 using testing::Contains;
 using testing::IsEmpty;
 
@@ -11,7 +13,7 @@ protected:
     // The new firmware runs, installed and not verified.
     CloudUpgrade() {
         given_running_slot(2);
-        write_text(UPDATED, "2\n");
+        write_text(UPDATED, "slot 2\n");
         given_staged(new_config());
         write_text(MIGRATE, "1.1.0\n");
     }
@@ -171,7 +173,7 @@ TEST_F(FailedUpgrade, WhoseSlotRunsBootsTheOtherOne) {
 }
 
 TEST_F(FailedUpgrade, WithItsMarksBootsTheOtherOneWithoutThem) {
-    write_text(UPDATED, "2\n");
+    write_text(UPDATED, "slot 2\n");
     given_staged(new_config());
 
     boot();
@@ -263,9 +265,25 @@ TEST_F(FailedUpgrade, DoesNotStayForAnOlderFirmwareJob) {
     EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
 }
 
+TEST_F(FailedUpgrade, DoesNotStayForAYoungerJobOfTheModem) {
+    given_active_job(R"({"jobId":"67", "action":"FW", "status":"received", "timestamp":1001,
+                         "params":{"radio":true}})");
+    boot();
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
+}
+
+TEST_F(FailedUpgrade, StaysWithAYoungerJobWhoseRadioDoesNotReadTrue) {
+    for (const char *params : {R"({"radio":"true"})", R"({"radio":false})", R"([true])", R"("radio")"}) {
+        given_active_job(R"({"jobId":"67", "action":"FW", "status":"received", "timestamp":1001,
+                             "params":)" +
+                         std::string(params) + "}");
+        expect_it_stays();
+    }
+}
+
 TEST_F(FailedUpgrade, StaysWhileALocalUpgradeIsUnderWay) {
-    write_text(LOCAL, "2\n");
-    write_text(UPDATED, "2\n");
+    write_text(LOCAL, "slot 2\n");
+    write_text(UPDATED, "slot 2\n");
     given_staged(new_config());
     expect_it_stays();
 }
@@ -274,9 +292,9 @@ TEST_F(FailedUpgrade, StaysWhileALocalUpgradeIsUnderWay) {
 TEST_F(FailedUpgrade, StaysAfterALocalUpgradeThatSucceededTwoBootsLater) {
     given_running_slot(1); // it had gone back
     boot();
-    write_text(LOCAL, "2\n");
+    write_text(LOCAL, "slot 2\n");
     write_text(INSTALLED, "3000 -\n");
-    write_text(UPDATED, "2\n");
+    write_text(UPDATED, "slot 2\n");
     given_staged(new_config());
     given_running_slot(2);
     boot();
@@ -302,6 +320,66 @@ TEST_F(FailedUpgrade, OfTheModemSaysNothingOfTheSystem) {
     expect_it_stays();
 }
 
+// --- a record that could not be read, and was repaired: nothing but its failure
+
+class RepairedUpgrade : public FailedUpgrade {
+protected:
+    RepairedUpgrade() {
+        given_firmware_job(
+            json(R"({"jobId":"66", "action":"FW", "status":"failed", "ack":false, "ackId":7})"));
+        write_text(TRIAL, "2 2\n");
+    }
+};
+
+TEST_F(RepairedUpgrade, WhoseSlotRunsBootsTheOtherOne) {
+    boot();
+    EXPECT_THAT(reboots(), ListIs("switch_firmware_partition"));
+    EXPECT_THAT(log_lines(),
+                ListIs(Alert("job 66 failed and its firmware still runs: booting the other one")));
+}
+
+TEST_F(RepairedUpgrade, IsOverInTheOtherSlot) {
+    given_running_slot(1);
+    expect_it_stays();
+}
+
+TEST_F(RepairedUpgrade, StaysInASlotThatIsNotOnTrial) {
+    write_text(TRIAL, "1 2\n");
+    expect_it_stays();
+    unlink(TRIAL);
+    expect_it_stays();
+}
+
+TEST_F(RepairedUpgrade, StaysWhenTheInstallationDoesNotNameIt) {
+    for (const char *stamp : {"1500 -\n", "1500 67\n", "1500\n", "1500 \n", ""}) {
+        write_text(INSTALLED, stamp);
+        expect_it_stays();
+    }
+}
+
+TEST_F(RepairedUpgrade, StaysWhenItTellsAnotherSlotOrNone) {
+    for (const char *slot : {"true", "null", "7"}) {
+        Json::Value told = active_job("66");
+        told["partition2"] = json(slot);
+        given_firmware_job(told);
+        expect_it_stays();
+    }
+}
+
+TEST_F(RepairedUpgrade, StaysWithAnotherFirmwareJob) {
+    given_active_job(R"({"jobId":"67", "action":"FW", "status":"received", "timestamp":1001})");
+    expect_it_stays();
+}
+
+TEST_F(RepairedUpgrade, IsNoneThatHasNotEnded) {
+    for (const char *status : {"received", "executed", "success"}) {
+        Json::Value other = active_job("66");
+        other["status"] = status;
+        given_firmware_job(other);
+        expect_it_stays();
+    }
+}
+
 // --- the tool was cut
 
 class CutTool : public CloudUpgrade {
@@ -317,7 +395,7 @@ protected:
 TEST_F(CutTool, WhoseSlotWasChosenIsCompleted) {
     boot();
 
-    EXPECT_EQ(file_text(UPDATED), "2\n");
+    EXPECT_EQ(file_text(UPDATED), "slot 2\n");
     EXPECT_THAT(log_lines(),
                 ListIs(Notice("slot 2 was chosen by an upgrade that was cut: FIRMWARE_UPDATED is set")));
     EXPECT_THAT(calls().back(), testing::StrEq("sync_to_fs 2"));
@@ -351,9 +429,17 @@ TEST_F(CutTool, IsNotCompletedForAJobThatHasEnded) {
 }
 
 TEST_F(CutTool, ThatCannotBeCompletedIsTold) {
-    fakes::always_returns("write_json_file", -1, "FIRMWARE_UPDATED");
+    mkdir("/var/data/orv/.FIRMWARE_UPDATED", 0755); // where it is written first
     boot();
+    EXPECT_FALSE(exists(UPDATED));
     EXPECT_THAT(log_lines(), Contains(Error("/var/data/orv/FIRMWARE_UPDATED cannot be written")));
+}
+
+TEST_F(CutTool, IsCompletedOverWhatACutHasLeftOfThat) {
+    write_text("/var/data/orv/.FIRMWARE_UPDATED", "slot 2 and more");
+    boot();
+    EXPECT_EQ(file_text(UPDATED), "slot 2\n");
+    EXPECT_FALSE(exists("/var/data/orv/.FIRMWARE_UPDATED"));
 }
 
 TEST_F(CutTool, LeavesNoStagedConfigurationWithoutAFirmware) {
@@ -386,7 +472,8 @@ TEST_F(GivenUpSlot, TakesTheMarksOfItsUpgradeWithIt) {
 }
 
 TEST_F(GivenUpSlot, IsNotKnownFromAMarkThatDoesNotTellIt) {
-    for (const char *mark : {"", "1.1.0\n", "3\n"}) {
+    for (const char *mark : {"", "1\n", "2\n", "1.1.0\n", "3\n", "slot\n", "slot 3\n", "slot 21\n",
+                             "slot 2 3\n", "slot  2\n", "\"slot 2\"\n"}) {
         write_text(UPDATED, mark);
         expect_boot_changes_nothing();
     }

@@ -3,6 +3,8 @@
 
 #include "actions/firmware_job.h"
 
+#include <stdexcept>
+
 using testing::AllOf;
 using testing::Contains;
 using testing::HasSubstr;
@@ -250,6 +252,23 @@ TEST_F(FirmwareCheckOfAnAcknowledgedJob, AConfigurationThatDoesNotWorkKeepsTheSe
     check();
     EXPECT_EQ(active_job("77")["status"], "failed");
     EXPECT_EQ(fakes::now(), START_TIME + 2); // the pause at the end of the apply
+    expect_stored(false, START_TIME);
+}
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, AVerificationThatThrowsBeforeItsApplyBeginsASession) {
+    before("copy_file /var/data/orv/config.staged ", [] { throw std::runtime_error("unforeseen"); });
+    check();
+    EXPECT_THAT(log_lines(), Contains(Notice("verify_upgrade_config: exception handler")));
+    EXPECT_EQ(active_job("77")["status"], "failed");
+    expect_stored(false, START_TIME);
+}
+
+TEST_F(FirmwareCheckOfAnAcknowledgedJob, AForcedOneWhoseVerificationThrowsBeginsASessionAfterItsReport) {
+    job["override_status"] = true;
+    before("copy_file /var/data/orv/config.staged ", [] { throw std::runtime_error("unforeseen"); });
+    check();
+    EXPECT_EQ(updates(), std::vector<std::string>{"update_job_status: 77 executed post_status: 1"});
+    EXPECT_EQ(active_job("77")["status"], "failed");
     expect_stored(false, START_TIME);
 }
 

@@ -5,6 +5,7 @@
 #                        before the boot loader takes the other one. The first agent that stays alive for a
 #                        while takes the file away.
 # /var/data/boot/installed  "SECONDS JOB": when something was last installed, and for which job; "-" for none
+# /var/data/boot/attempts   what tessard-boot has tried again, and how many times
 slots=/mnt/slots
 boot_files=/var/data/boot
 
