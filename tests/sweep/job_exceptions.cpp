@@ -15,6 +15,7 @@ constexpr restart KILL = restart::KILL;
 constexpr restart REBOOT = restart::REBOOT;
 constexpr restart POWER = restart::POWER_CUT;
 constexpr restart STALL = restart::STALL;
+constexpr restart HELD = restart::HELD;
 
 constexpr char NOT_STAMPED[] =
     "A critical job is not stamped at its intake: all its reports bear the session it came with, mostly none.";
@@ -29,6 +30,8 @@ constexpr char REFUSED[] =
 constexpr char REPEATED[] = "It is reported again until it is acknowledged.";
 constexpr char JOBID_OF_KILLED[] = "The marker of a killed script goes when its job is archived.";
 constexpr char GIVEN_UP[] = "Given up: the job is archived without an acknowledgement.";
+constexpr char TAKEN_FOR_CORRUPT[] =
+    "Each pass has a list of its own: a job that the other one has archived since is missing, and is repaired as one that failed.";
 constexpr char INTAKE_IS_BLIND[] =
     "The intake does not look at the result of the write; the cloud hears nothing.";
 constexpr char NOT_STORED[] =
@@ -47,6 +50,8 @@ constexpr char ASKS_AGAIN[] =
 
 std::vector<known_exception> script_exceptions() {
     return {
+        {in("passes on both threads"), by(KILL, REBOOT, POWER, STALL, HELD), FINAL,
+         "job 77 was success and became failed", TAKEN_FOR_CORRUPT},
         {in("a critical script"), by(UNCUT, KILL, REBOOT, POWER, STALL), SESSIONS,
          "job 77: one session for received and executed", NOT_STAMPED},
         {in("a critical script"), by(UNCUT, KILL, REBOOT, POWER, STALL), SESSIONS,
@@ -109,6 +114,18 @@ std::vector<known_exception> delivery_exceptions() {
          "job 77 was told as success and became received", REPORTED_UNSTORED},
         {in("full disk during the script", "full disk from the intake on"), by(STALL), SESSIONS,
          "job 77: one session for executed and received", REPORTED_UNSTORED},
+        {in("full disk during the script", "full disk from the intake on"), by(HELD), ONCE,
+         "job 77 started its script more than once", NOT_STORED},
+        {in("full disk during the script", "full disk from the intake on"), by(HELD), FINAL,
+         "job 77 was told as success and became executed", REPORTED_UNSTORED},
+        {in("full disk during the script", "full disk from the intake on"), by(HELD), SESSIONS,
+         "job 77: one session for executed and received", REPORTED_UNSTORED},
+        {in("clear all"), by(HELD), FINAL, "job 77 was told as failed and became executed",
+         CLEARED_TOO_EARLY},
+        {in("clear all"), by(HELD), FINAL, "job 77 was told as failed and became success", CLEARED_TOO_EARLY},
+        {in("clear all"), by(HELD), FINAL, "job 78 was told as failed and became executed",
+         CLEARED_TOO_EARLY},
+        {in("clear all"), by(HELD), FINAL, "job 78 was told as failed and became success", CLEARED_TOO_EARLY},
         {in("clear the running one"), by(KILL), SESSIONS, "job 178: one session for executed and failed",
          CLEARED_AT_ONCE},
         {in("clear the running one"), by(KILL), FINAL, "job 178 was told as failed and became executed",
@@ -137,7 +154,7 @@ std::vector<known_exception> staller_exceptions() {
          "job 77 is still active: success", NO_ACTION},
         {in("a file push"), by(UNCUT, KILL, REBOOT, POWER, STALL), ARCHIVED,
          "job 1 is still active: received", ASKS_AGAIN},
-        {in("a file push"), by(STALL), NO_MARKER, "FW_JOBID is left", ASKS_AGAIN},
+        {in("a file push"), by(STALL, HELD), NO_MARKER, "FW_JOBID is left", ASKS_AGAIN},
     };
 }
 
