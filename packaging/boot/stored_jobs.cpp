@@ -5,9 +5,19 @@
 #include "packaging/boot/files.h"
 #include "platform/vantrel.h"
 
+#include <cstdio>
 #include <ctime>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
+
+namespace {
+
+// A record before it has its name. Not among the jobs: there it would be one.
+constexpr char PART[] = "/var/data/orv/.reopened";
+
+} // namespace
 
 std::vector<Json::Value> stored_jobs() {
     Json::Value names(Json::arrayValue);
@@ -41,6 +51,18 @@ bool is_firmware_job(const Json::Value &job) {
 void store_job(const Json::Value &job) {
     const std::string job_id = job_id_of(job);
     if (write_json_file(active_job_path(job_id).c_str(), job) != 0)
+        syslog(LOG_ERR, "job %s cannot be stored", job_id.c_str());
+    flush();
+}
+
+void store_job_in_its_place(const Json::Value &job) {
+    const std::string job_id = job_id_of(job);
+    const Json::Value &arrived = job[KEY_TIMESTAMP];
+    const timespec time = {.tv_sec = arrived.isInt64() ? arrived.asInt64() : 0, .tv_nsec = 0};
+    const timespec times[] = {time, time};
+    const bool is_written = write_json_file(PART, job) == 0 && utimensat(AT_FDCWD, PART, times, 0) == 0;
+    flush(); // the record before its name
+    if (!is_written || std::rename(PART, active_job_path(job_id).c_str()) != 0)
         syslog(LOG_ERR, "job %s cannot be stored", job_id.c_str());
     flush();
 }

@@ -21,6 +21,10 @@ bool is_firmware_job(const Json::Value &job);
 // Writes the record and flushes it; says so in the log when that fails.
 void store_job(const Json::Value &job);
 
+// The same, and the job is where it was when it arrived: the queue goes by the times of its files, and behind a job
+// that waits the agent takes an unverified firmware back. A cut leaves the former record or the new one in its place.
+void store_job_in_its_place(const Json::Value &job);
+
 // A "failed" that has no "ackId" would be repeated for ever and never posted: it becomes one that waits for its
 // acknowledgement.
 void stamp_untold_failures();

@@ -164,7 +164,7 @@ void reopen(Json::Value job) {
     syslog(LOG_NOTICE, "the success of job %s was not committed: its firmware is verified again",
            job_id_of(job).c_str());
     job[KEY_STATUS] = STATUS_EXECUTED;
-    store_job(job);
+    store_job_in_its_place(job);
 }
 
 void finish_installed(const firmware_jobs &firmware) {

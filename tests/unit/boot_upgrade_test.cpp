@@ -1,6 +1,7 @@
 // A firmware upgrade of the cloud that was cut, before the agent's first start.
 #include "tests/unit/boot_bed.h"
 
+#include "jobs/job_store.h"
 #include "tests/fakes/device.h"
 
 #include <sys/stat.h>
@@ -137,6 +138,20 @@ TEST_F(SuccessfulUpgrade, ThatWasNotCommittedIsVerifiedAgain) {
     EXPECT_TRUE(marks_are_there());
     EXPECT_THAT(log_lines(),
                 ListIs(Notice("the success of job 66 was not committed: its firmware is verified again")));
+}
+
+TEST_F(SuccessfulUpgrade, ThatWasNotCommittedIsBeforeTheJobsThatCameAfterItAgain) {
+    given_saved(old_config());
+    given_active_job(R"({"jobId":"77", "status":"received", "action":"CMD"})",
+                     active_job("66")["timestamp"].asInt64() + 10);
+
+    boot();
+
+    Json::Value names(Json::arrayValue);
+    get_active_job_list(names);
+    EXPECT_EQ(names[0].asString(), "66");
+    EXPECT_THAT(active_job("66"), HasMembers(R"({"status":"executed"})"));
+    EXPECT_FALSE(exists("/var/data/orv/.reopened"));
 }
 
 TEST_F(SuccessfulUpgrade, ThatWasNotCommittedStaysWhenSomethingElseWasInstalledSince) {
