@@ -18,6 +18,8 @@
 
 namespace {
 
+// By its path: an ordinary user's PATH does not lead to it.
+constexpr const char *MOSQUITTO = "/usr/sbin/mosquitto";
 constexpr const char *CONFIGURATION = "listener 1883 localhost\n"
                                       "allow_anonymous true\n"
                                       "user root\n"
@@ -51,7 +53,7 @@ bool takes_connections() {
 void broker::start() {
     write_text("/tmp/mosquitto.conf", CONFIGURATION);
     // Ends with the test, also when that crashes.
-    const std::array<const char *, 7> arguments = {"setpriv", "--pdeathsig",         "KILL", "mosquitto",
+    const std::array<const char *, 7> arguments = {"setpriv", "--pdeathsig",         "KILL", MOSQUITTO,
                                                    "-c",      "/tmp/mosquitto.conf", nullptr};
     if (posix_spawnp(&pid, "setpriv", nullptr, nullptr, const_cast<char *const *>(arguments.data()),
                      environ) != 0)
