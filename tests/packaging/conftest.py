@@ -14,7 +14,6 @@ from machine import Machine, NoMachines, check_machines  # noqa: E402
 
 TREE = Path(__file__).resolve().parent.parent.parent
 BUILD = Path(os.environ.get("TESSARD_BUILD", TREE / "build/debug"))
-SKIP = 77
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -65,7 +64,7 @@ def machine(scratch, installed):
     try:
         check_machines()
     except NoMachines as error:
-        pytest.exit(f"skipped: {error}", returncode=SKIP)
+        pytest.skip(str(error))
     machine = Machine(scratch.name, installed, scratch / "out")
     yield machine
     machine.down()
