@@ -1,20 +1,13 @@
 // What breaks by design, row by row: in these scenarios, by these kinds of cut, with this outcome.
 #include "tests/sweep/scenario.h"
 
-#include "tests/sweep/names.h"
+#include "tests/sweep/row_words.h"
 
 namespace sweep {
 
+using namespace row_words;
+
 namespace {
-
-using in = scenario_names;
-using by = cut_kinds;
-
-constexpr restart UNCUT = restart::NONE;
-constexpr restart KILL = restart::KILL;
-constexpr restart REBOOT = restart::REBOOT;
-constexpr restart POWER = restart::POWER_CUT;
-constexpr restart STALL = restart::STALL;
 
 constexpr char NEVER_REPORTED[] = "FAILSAFE_CONFIG is never reported.";
 constexpr char REQUEST_LOST[] =

@@ -1,21 +1,13 @@
 // What breaks by design, row by row: in these scenarios, by these kinds of cut, with this outcome.
 #include "tests/sweep/scenario.h"
 
-#include "tests/sweep/names.h"
+#include "tests/sweep/row_words.h"
 
 namespace sweep {
 
+using namespace row_words;
+
 namespace {
-
-using in = scenario_names;
-using by = cut_kinds;
-
-constexpr restart UNCUT = restart::NONE;
-constexpr restart KILL = restart::KILL;
-constexpr restart REBOOT = restart::REBOOT;
-constexpr restart POWER = restart::POWER_CUT;
-constexpr restart TORN = restart::TORN;
-constexpr restart STALL = restart::STALL;
 
 constexpr char SUCCESS_UNMARKED[] =
     "A cut between the recorded success and the deletion of FIRMWARE_UPDATED: once the job is acknowledged and archived, the mark has no job and the former firmware boots.";
